@@ -1,0 +1,7 @@
+#include "vesk/VeskEnv.h"
+
+namespace vesk {
+
+VeskEnv* gEnv = nullptr;
+
+}  // namespace vesk
