@@ -1,0 +1,38 @@
+// Holds a thread's jobs back while it holds a VeskLock.
+
+#ifndef RUNTIME_PLUG_H_
+#define RUNTIME_PLUG_H_
+
+#include "runtime/job_queue.h"
+
+namespace vesk {
+
+// A thread that holds a VeskLock is inside a request: the code that submitted a job may still look
+// at the job's block, and takes a job that has already ended for a broken promise. So the jobs stay
+// in the thread's plug until it waits or gives a lock up; that also lets a read-ahead burst leave
+// as one.
+//   Owns     a reference to each job held back: once the lock is free another thread may wait for
+//            the job, run it itself and let it go
+//   Threads  one object a thread, used by that thread alone
+class Plug {
+ public:
+  // The calling thread's.
+  static Plug& OfThisThread();
+
+  bool HoldsBack() const { return locks_held_ > 0; }
+  void Add(VeskJob* job);
+
+  void LockTaken() { ++locks_held_; }
+  void LockGivenUp() { --locks_held_; }
+
+  // Starts the jobs held back, in order.
+  void Release();
+
+ private:
+  int locks_held_ = 0;
+  JobQueue jobs_;
+};
+
+}  // namespace vesk
+
+#endif  // RUNTIME_PLUG_H_
