@@ -1,0 +1,20 @@
+// The commands; each returns the program's exit status.
+
+#ifndef PROGRAMS_CLI_COMMANDS_H_
+#define PROGRAMS_CLI_COMMANDS_H_
+
+#include "programs/cli/world.h"
+
+namespace vesk_cli {
+
+// Writes the source to standard output.
+int Cat(World& world);
+
+// Copies the source to the destination. The bytes go to a file of another name beside it, which
+// takes the destination's name once it is complete and durable, and is removed when the copy fails
+// or is interrupted.
+int Copy(World& world);
+
+}  // namespace vesk_cli
+
+#endif  // PROGRAMS_CLI_COMMANDS_H_
