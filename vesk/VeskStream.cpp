@@ -36,6 +36,7 @@ constexpr int kWioEnter = 271, kWioDirty = 274, kWioDirtyBeyondData = 284, kWioN
 constexpr int kWaitNoJob = 328, kWaitDone = 341, kWaitError = 353, kWaitEof = 362, kWaitTrace = 370;
 constexpr int kMarkOutOfMemory = 384;
 // VeskStream
+constexpr int kStreamOutOfMemory = 398;
 constexpr int kPosTail = 411, kPosTailNegative = 413, kPosHeadNegative = 420, kPosHead = 423;
 constexpr int kMaxLen = 441, kStreamDump = 462;
 constexpr int kAllocDumpBegin = 477, kAllocDumpEnd = 479, kAllocRange = 480, kAllocTooBig = 491,
@@ -128,11 +129,10 @@ std::unique_ptr<VeskOP> NewOperation(unsigned int opcode, unsigned int flags, Ap
   });
 }
 
-// A job that has taken the operation over, or null, and then the operation stays where it is.
+// A job that owns the operation, or null. Memory for the job is had before the operation is given
+// away: when there is none, the operation stays with its owner.
 VeskJob* NewJob(std::unique_ptr<VeskOP>& operation) {
-  VeskJob* const job = OrNull([&] { return new VeskJob(JOB_TYPE_IO, operation.get()); });
-  if (job != nullptr) operation.release();  // NOLINT(bugprone-unused-return-value): the job's now
-  return job;
+  return OrNull([&] { return new VeskJob(JOB_TYPE_IO, operation.release()); });
 }
 
 class MutexHolder {
@@ -442,7 +442,7 @@ void VeskBuffer::WaitForBuffer(VeskLock* lock, VeskBundler* bundler, std::string
 
 VeskStream::VeskStream(const std::string& file_name, VeskBundler* dispatcher,
                        unsigned long initial_offset, unsigned long initial_length,
-                       unsigned long initial_cookie)
+                       unsigned long initial_cookie) try
     : name(file_name),
       bundler(dispatcher),
       io_cookie(initial_cookie),
@@ -452,9 +452,12 @@ VeskStream::VeskStream(const std::string& file_name, VeskBundler* dispatcher,
       curr_pos(initial_offset),
       last_buffer(nullptr),
       pending_io(0),
-      aux_count(0),
-      start_read_time() {
+      aux_count(0) {
+  // Whatever a server's own type does by itself: both halves start at zero.
+  std::memset(static_cast<void*>(&start_read_time), 0, sizeof start_read_time);
   pthread_mutex_init(&stream_mutex, nullptr);
+} catch (const std::bad_alloc&) {  // of the name
+  VESK_FAIL(site::kStreamOutOfMemory, "Out of memory");
 }
 
 VeskStream::~VeskStream() {
@@ -783,7 +786,7 @@ Next Hole(const RwWalk& w) {
   *rq.eof = false;
   const auto count =
       static_cast<unsigned int>(std::min<unsigned long>(rq.len, w.block().off - rq.off));
-  std::memset(rq.buf, 0, count);
+  std::fill_n(rq.buf, count, static_cast<unsigned char>(0));
   gEnv->logger->Debug(At(site::kRwHole), "%s Reading hole O:%lld L:%d\n", w.stream.name.c_str(),
                       LongLong(rq.off), Int(count));
   if (Transferred(w, count) == Next::kReturn) return Next::kReturn;

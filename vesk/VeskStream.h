@@ -142,6 +142,8 @@ class VeskBuffer {
 //            ERR_WAIT means that the lock may have been given up
 class VeskStream {
  public:
+  // A stream without blocks over [initial_offset, initial_offset + initial_length).
+  //   Ends in  "Out of memory" (ERR_ASSERT)
   VeskStream(const std::string& file_name, VeskBundler* dispatcher, unsigned long initial_offset,
              unsigned long initial_length, unsigned long initial_cookie);
 
