@@ -1,0 +1,7 @@
+#pragma once
+
+namespace vesk {
+
+struct VeskLock {};
+
+}  // namespace vesk

@@ -1,0 +1,39 @@
+// Global operator new of the tests: counts, fails on demand, and can be watched.
+
+#ifndef TESTS_SUPPORT_ALLOCATION_H_
+#define TESTS_SUPPORT_ALLOCATION_H_
+
+#include <cstddef>
+#include <functional>
+
+namespace vesk_test {
+
+// Allocations by operator new (all forms) that have not been deleted.
+long LiveAllocations();
+
+// While one exists, the `nth` allocation from its construction on (1 is the next one) fails: the
+// throwing forms throw std::bad_alloc, the others return null. One at a time.
+class FailingAllocation {
+ public:
+  explicit FailingAllocation(long nth);
+  ~FailingAllocation();
+  FailingAllocation(const FailingAllocation&) = delete;
+  FailingAllocation& operator=(const FailingAllocation&) = delete;
+
+  // True when the allocation that was to fail has been asked for.
+  bool Fired() const;
+};
+
+// While one exists, `watch` is called with each new allocation, before its owner sees it. `watch`
+// allocates nothing itself. One at a time.
+class AllocationWatch {
+ public:
+  explicit AllocationWatch(std::function<void(void* memory, std::size_t bytes)> watch);
+  ~AllocationWatch();
+  AllocationWatch(const AllocationWatch&) = delete;
+  AllocationWatch& operator=(const AllocationWatch&) = delete;
+};
+
+}  // namespace vesk_test
+
+#endif  // TESTS_SUPPORT_ALLOCATION_H_

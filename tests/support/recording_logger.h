@@ -1,0 +1,44 @@
+// Keeps every log line, and for the whole run of the program the set of sites that logged.
+
+#ifndef TESTS_SUPPORT_RECORDING_LOGGER_H_
+#define TESTS_SUPPORT_RECORDING_LOGGER_H_
+
+#include <cstdarg>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "vesk/VeskEnv.h"
+
+namespace vesk_test {
+
+class RecordingLogger : public vesk::VeskLogger {
+ public:
+  void Debug(const vesk::LogSite& site, const char* format, ...) override
+      __attribute__((format(printf, 3, 4)));
+  void Trace(const vesk::LogSite& site, const char* format, ...) override
+      __attribute__((format(printf, 3, 4)));
+  void Info(const vesk::LogSite& site, const char* format, ...) override
+      __attribute__((format(printf, 3, 4)));
+  void Dump(const vesk::LogSite& site, const char* format, ...) override
+      __attribute__((format(printf, 3, 4)));
+  void Error(const vesk::LogSite& site, const char* format, ...) override
+      __attribute__((format(printf, 3, 4)));
+
+  // One string a line: "<operation> <site> <text>", for example "Debug 520 f Finding buffer ...\n".
+  std::vector<std::string> lines;
+
+  // Sites that have logged anywhere in this program, in any logger.
+  static std::set<int>& SitesReached();
+
+  // Lines also go to standard error; for tests that end the process.
+  bool echo = false;
+
+ private:
+  void Keep(const char* operation, const vesk::LogSite& site, const char* format,
+            va_list arguments);
+};
+
+}  // namespace vesk_test
+
+#endif  // TESTS_SUPPORT_RECORDING_LOGGER_H_
