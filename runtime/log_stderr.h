@@ -34,7 +34,8 @@ class StderrLogger : public VeskLogger {
       __attribute__((format(printf, 3, 4)));
 
  private:
-  static void Write(const char* level, const LogSite& site, const char* format, va_list arguments);
+  static void Write(const char* level, const LogSite& site, const char* format, va_list arguments)
+      __attribute__((format(printf, 3, 0)));
 
   const LogLevel lowest_;
 };

@@ -35,8 +35,8 @@ class RecordingLogger : public vesk::VeskLogger {
   bool echo = false;
 
  private:
-  void Keep(const char* operation, const vesk::LogSite& site, const char* format,
-            va_list arguments);
+  void Keep(const char* operation, const vesk::LogSite& site, const char* format, va_list arguments)
+      __attribute__((format(printf, 4, 0)));
 };
 
 }  // namespace vesk_test
