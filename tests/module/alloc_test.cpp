@@ -1,10 +1,9 @@
 // New blocks: where they go, how long they are, and what is left when one cannot be had.
 
-#include <cstdarg>
-#include <cstdio>
 #include <iterator>
 
 #include "tests/support/module_test.h"
+#include "tests/support/still_logger.h"
 
 namespace vesk_test {
 namespace {
@@ -15,58 +14,6 @@ using vesk::VeskStream;
 constexpr unsigned int kMiB = 1u << 20;
 constexpr unsigned int kTooBig = 104857600;  // bytes of the smallest block that is refused
 constexpr unsigned long kNone = ~0UL;        // a next offset or a limit that does not matter
-
-// Keeps lines in memory of its own until Replay, so that between two looks at the allocations none
-// but the module's have been made.
-class StillLogger : public RecordingLogger {
- public:
-  void Debug(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4))) {
-    va_list arguments;
-    va_start(arguments, format);
-    Hold(false, site, format, arguments);
-    va_end(arguments);
-  }
-  void Error(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4))) {
-    va_list arguments;
-    va_start(arguments, format);
-    Hold(true, site, format, arguments);
-    va_end(arguments);
-  }
-
-  // Makes the lines held those of the recording logger.
-  void Replay() {
-    for (int i = 0; i < held_; ++i) {
-      const vesk::LogSite site("VeskStream", line_[i].site);
-      if (line_[i].is_error) {
-        RecordingLogger::Error(site, "%s", line_[i].text);
-      } else {
-        RecordingLogger::Debug(site, "%s", line_[i].text);
-      }
-    }
-    held_ = 0;
-  }
-
- private:
-  struct Line {
-    bool is_error;
-    int site;
-    char text[160];
-  };
-
-  void Hold(bool is_error, const vesk::LogSite& site, const char* format, va_list arguments)
-      __attribute__((format(printf, 4, 0))) {
-    ASSERT_LT(held_, static_cast<int>(std::size(line_)));
-    Line& line = line_[held_++];
-    line.is_error = is_error;
-    line.site = site.second;
-    std::vsnprintf(line.text, sizeof line.text, format, arguments);
-  }
-
-  Line line_[16] = {};
-  int held_ = 0;
-};
 
 // Calls `spoil` with each new block of `length` bytes while it is being linked: its record, its
 // data area and its list node are allocated in a row. `length` is one that nothing else has.
@@ -487,11 +434,10 @@ TEST_F(AllocTest, AllocationThatFailsLeavesEverythingAsItWas) {
       EXPECT_EQ(LiveAllocations(), before);
       EXPECT_TRUE(fired);
       EXPECT_EQ(code, 1001);
-      still.Replay();
+      still.Replay(logger);
       // The block reports itself that its data area cannot be had.
       const int site = nth == 2 ? 101 : 496;
-      EXPECT_EQ(still.lines,
-                Join({{NewBuffer(std::to_string(at.off), "777", "777", "18446744073709551615")},
+      ExpectLog(Join({{NewBuffer(std::to_string(at.off), "777", "777", "18446744073709551615")},
                       Assertion(site, "Out of memory")}));
       ExpectUntouched();
       EXPECT_EQ(second->state, VALID | END_OF_FILE);

@@ -6,9 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -18,6 +15,7 @@
 
 #include "tests/support/block_fields.h"
 #include "tests/support/module_test.h"
+#include "tests/support/still_logger.h"
 
 namespace vesk_test {
 namespace {
@@ -38,80 +36,6 @@ bool IsFree(pthread_mutex_t& mutex) {
   pthread_mutex_unlock(&mutex);
   return true;
 }
-
-// Keeps lines without allocating, so that a failing allocation is the cache's, and calls `on_line`
-// at each of them, so that a test sees the block as it was when the line was written.
-class StillLogger : public vesk::VeskLogger {
- public:
-  void Debug(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Trace(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Info(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Dump(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Error(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-
-  // Hands the lines on and forgets them.
-  void Replay(vesk::VeskLogger& to) {
-    ASSERT_LE(count_, kMost);
-    for (int i = 0; i < count_; ++i) {
-      const Line& line = lines_[i];
-      const vesk::LogSite site("VeskStream", line.site);
-      if (std::strcmp(line.operation, "Debug") == 0) to.Debug(site, "%s", line.text);
-      if (std::strcmp(line.operation, "Trace") == 0) to.Trace(site, "%s", line.text);
-      if (std::strcmp(line.operation, "Info") == 0) to.Info(site, "%s", line.text);
-      if (std::strcmp(line.operation, "Dump") == 0) to.Dump(site, "%s", line.text);
-      if (std::strcmp(line.operation, "Error") == 0) to.Error(site, "%s", line.text);
-    }
-    count_ = 0;
-  }
-
-  // The site of the last line; 0 without one.
-  int LastSite() const { return count_ == 0 ? 0 : lines_[count_ - 1].site; }
-
-  std::function<void(int site)> on_line;
-
- private:
-  static constexpr int kMost = 16;
-  struct Line {
-    const char* operation;
-    int site;
-    char text[256];
-  };
-
-  void Keep(const char* operation, const vesk::LogSite& site, const char* format, va_list arguments)
-      __attribute__((format(printf, 4, 0))) {
-    EXPECT_EQ(site.first, "VeskStream");
-    if (count_ < kMost) {
-      Line& line = lines_[count_];
-      line.operation = operation;
-      line.site = site.second;
-      std::vsnprintf(line.text, sizeof line.text, format, arguments);
-    }
-    ++count_;
-    if (on_line) on_line(site.second);
-  }
-
-  Line lines_[kMost];
-  int count_ = 0;
-};
-
-#define KEEP(operation)                                                             \
-  void StillLogger::operation(const vesk::LogSite& site, const char* format, ...) { \
-    va_list arguments;                                                              \
-    va_start(arguments, format);                                                    \
-    Keep(#operation, site, format, arguments);                                      \
-    va_end(arguments);                                                              \
-  }
-
-KEEP(Debug)
-KEEP(Trace)
-KEEP(Info)
-KEEP(Dump)
-KEEP(Error)
 
 // The stream owns the blocks of a test and is made clean at its end, whatever the test did.
 class BufferJobTest : public ModuleTest {

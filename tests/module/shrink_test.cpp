@@ -549,6 +549,25 @@ TEST_F(ShrinkTest, BlocksInAnyIdleStateGo) {
   }
 }
 
+TEST_F(ShrinkTest, BlockThatGoesIsFreed) {
+  const auto drop_one = [this] {
+    {
+      VeskStream other(name, bundler, 0, 8192, 0);
+      other.curr_pos = kReader;
+      Add(other, 0, 4096, 4096, VALID);
+      Add(other, 4096, 4096, 4096, VALID);
+      other.ShrinkStream(&lock, kReader, 1);
+      EXPECT_EQ(other.buffers.size(), 1u);
+    }
+    logger.lines.clear();
+    logger.lines.shrink_to_fit();
+  };
+  drop_one();  // the logger keeps what it allocates for each new site
+  const long before = LiveAllocations();
+  drop_one();
+  EXPECT_EQ(LiveAllocations(), before);
+}
+
 // --- Write-back ----------------------------------------------------------------------------------
 
 TEST_F(ShrinkTest, DirtyBlockIsWrittenBackAndWaitedForBeforeItGoes) {
