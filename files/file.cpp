@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
 #include "vesk/VeskException.h"
@@ -12,6 +14,9 @@ namespace {
 
 // Bytes that one request may ask of the cache: its counts are 32 bits wide.
 constexpr std::size_t kMaxRequest = 1u << 30;
+
+// Bytes that a file may have: its offsets are signed in the store.
+constexpr std::uint64_t kMaxSize = std::numeric_limits<std::int64_t>::max();
 
 unsigned int RequestLength(std::size_t length) {
   return static_cast<unsigned int>(std::min(length, kMaxRequest));
@@ -90,6 +95,7 @@ int File::ReadAt(void* destination, std::size_t length, std::uint64_t offset, st
 }
 
 int File::WriteAt(const void* source, std::size_t length, std::uint64_t offset) {
+  if (offset > kMaxSize || length > kMaxSize - offset) return EFBIG;
   const std::lock_guard<VeskLock> guard(lock_);
   // The cache takes one kind of pointer for both directions; a write only reads from it.
   auto* const bytes = static_cast<unsigned char*>(const_cast<void*>(source));

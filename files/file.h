@@ -59,6 +59,7 @@ class File {
   int ReadAt(void* destination, std::size_t length, std::uint64_t offset, std::size_t* moved);
 
   // Writes all `length` bytes into the cache. The file grows as needed; a gap reads as zeros.
+  //   Ends in  EFBIG, nothing written, when the file would grow beyond 2^63 - 1 bytes
   int WriteAt(const void* source, std::size_t length, std::uint64_t offset);
 
   // Returns when everything written has reached the store, or the first failure met. It makes

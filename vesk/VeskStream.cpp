@@ -251,9 +251,9 @@ unsigned int VeskBuffer::Write(const unsigned char* source, unsigned long offset
   }
   if (GetState(INV) != 0) throw VeskException(rc);  // rc is 0: refused without a line
 
-  unsigned int count = length;
-  if (offset + length > BlockEnd(*this))
-    count = static_cast<unsigned int>(BlockEnd(*this) - offset);
+  // Clipped by what is left, not by where the request ends: that end may lie beyond 2^64.
+  const auto count =
+      static_cast<unsigned int>(std::min<unsigned long>(length, BlockEnd(*this) - offset));
   std::memcpy(bptr + (offset - off), source, count);
 
   // The dirty run starts at the block's first byte: one write-back covers everything written.
@@ -286,8 +286,8 @@ unsigned int VeskBuffer::Read(unsigned char* destination, unsigned long offset,
                       LongLong(offset), Int(length), LongLong(off), Int(dlen));
   if (GetState(INV) != 0) throw VeskException(rc);  // rc is 0: refused without a further line
 
-  unsigned int count = length;
-  if (offset + length > DataEnd(*this)) count = static_cast<unsigned int>(DataEnd(*this) - offset);
+  const auto count =
+      static_cast<unsigned int>(std::min<unsigned long>(length, DataEnd(*this) - offset));
   std::memcpy(destination, bptr + (offset - off), count);
   return count;
 }

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <random>
 #include <sstream>
 #include <string>
@@ -164,6 +165,18 @@ TEST_F(RealFileTest, SequentialReadsAreServedByReadAhead) {
   EXPECT_EQ(bundler_.GetStats().waits["Read"].count, 1u) << "only the first block is a miss";
   EXPECT_EQ(file.GetStats().requests, 100u);
   EXPECT_GE(file.GetStats().waited, 1u);
+}
+
+TEST_F(RealFileTest, AFileCannotGrowBeyondTheLargestOffset) {
+  Put("");
+  File file(bundler_, name_, 0, CacheShape{64, 8, 0});
+  constexpr std::uint64_t kMax = std::numeric_limits<std::int64_t>::max();
+  EXPECT_EQ(file.WriteAt("ab", 2, kMax - 1), EFBIG);
+  EXPECT_EQ(file.WriteAt("ab", 2, kMax + 1), EFBIG);
+  EXPECT_EQ(file.WriteAt("ab", 2, ~0UL), EFBIG);
+  EXPECT_EQ(file.WriteAt("ab", 2, 0), 0);
+  EXPECT_EQ(file.Close(), 0);
+  EXPECT_EQ(Get(), "ab");
 }
 
 TEST_F(RealFileTest, AClosedFileTakesNoMoreRequests) {

@@ -1066,5 +1066,14 @@ TEST_F(BufferReduceTest, PrintsTheNameItIsGiven) {
   ExpectLog({"Debug 208 dir/100%d name ReducingLength NL:4000 L:4096\n"});
 }
 
+// Clipped by its end, such a request would not be clipped at all and run out of the block.
+TEST_F(BufferTest, RequestThatEndsBeyondTheLargestOffsetIsClippedLikeAnyOther) {
+  const unsigned long off = 0UL - 8192;
+  const BlockPtr block = Make(off, 4096, 0, 0, VALID);
+  EXPECT_EQ(block->Write(memory, off, UINT_MAX), 4096u);
+  EXPECT_EQ(block->dlen, 4096u);
+  EXPECT_EQ(block->Read(memory, off + 4000, UINT_MAX), 96u);
+}
+
 }  // namespace
 }  // namespace vesk_test
