@@ -1158,7 +1158,7 @@ TEST_F(BufferWaitTest, LockAndTagAreHandedOnUnchanged) {
   logger.lines.clear();
 }
 
-TEST_F(BufferWaitTest, ReferenceOfTheWaitIsTakenAfterTheLine) {
+TEST_F(BufferWaitTest, WaitTakesItsReferenceAfterTheLine) {
   StillLogger still;
   env.logger = &still;
   VeskBuffer* const block = Busy(IOR);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/keeping_logger.h"
 #include "tests/support/module_test.h"
 
 namespace vesk_test {
@@ -79,33 +80,17 @@ class EverySiteIsReached : public ::testing::Environment {
 // --- Rules of every line -------------------------------------------------------------------------
 
 // Shows each call to `probe` before anything else.
-class ProbeLogger : public vesk::VeskLogger {
+class ProbeLogger : public KeepingLogger {
  public:
   using Probe = std::function<void(const char* operation, const LogSite& site, const char* format)>;
   explicit ProbeLogger(Probe probe) : probe_(std::move(probe)) {}
 
-  void Debug(const LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4))) {
-    probe_("Debug", site, format);
-  }
-  void Trace(const LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4))) {
-    probe_("Trace", site, format);
-  }
-  void Info(const LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4))) {
-    probe_("Info", site, format);
-  }
-  void Dump(const LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4))) {
-    probe_("Dump", site, format);
-  }
-  void Error(const LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4))) {
-    probe_("Error", site, format);
+ private:
+  void Keep(const char* operation, const LogSite& site, const char* format,
+            va_list /*arguments*/) override __attribute__((format(printf, 4, 0))) {
+    probe_(operation, site, format);
   }
 
- private:
   Probe probe_;
 };
 

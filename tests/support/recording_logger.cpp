@@ -24,18 +24,4 @@ void RecordingLogger::Keep(const char* operation, const vesk::LogSite& site, con
   SitesReached().insert(site.second);
 }
 
-#define KEEP(operation)                                                                 \
-  void RecordingLogger::operation(const vesk::LogSite& site, const char* format, ...) { \
-    va_list arguments;                                                                  \
-    va_start(arguments, format);                                                        \
-    Keep(#operation, site, format, arguments);                                          \
-    va_end(arguments);                                                                  \
-  }
-
-KEEP(Debug)
-KEEP(Trace)
-KEEP(Info)
-KEEP(Dump)
-KEEP(Error)
-
 }  // namespace vesk_test

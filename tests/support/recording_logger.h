@@ -8,23 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "vesk/VeskEnv.h"
+#include "tests/support/keeping_logger.h"
 
 namespace vesk_test {
 
-class RecordingLogger : public vesk::VeskLogger {
+class RecordingLogger : public KeepingLogger {
  public:
-  void Debug(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Trace(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Info(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Dump(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Error(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-
   // One string a line: "<operation> <site> <text>", for example "Debug 520 f Finding buffer ...\n".
   std::vector<std::string> lines;
 
@@ -35,8 +24,8 @@ class RecordingLogger : public vesk::VeskLogger {
   bool echo = false;
 
  private:
-  void Keep(const char* operation, const vesk::LogSite& site, const char* format, va_list arguments)
-      __attribute__((format(printf, 4, 0)));
+  void Keep(const char* operation, const vesk::LogSite& site, const char* format,
+            va_list arguments) override __attribute__((format(printf, 4, 0)));
 };
 
 }  // namespace vesk_test

@@ -34,18 +34,4 @@ void StillLogger::Keep(const char* operation, const vesk::LogSite& site, const c
   if (on_line) on_line(site.second);
 }
 
-#define KEEP(operation)                                                             \
-  void StillLogger::operation(const vesk::LogSite& site, const char* format, ...) { \
-    va_list arguments;                                                              \
-    va_start(arguments, format);                                                    \
-    Keep(#operation, site, format, arguments);                                      \
-    va_end(arguments);                                                              \
-  }
-
-KEEP(Debug)
-KEEP(Trace)
-KEEP(Info)
-KEEP(Dump)
-KEEP(Error)
-
 }  // namespace vesk_test

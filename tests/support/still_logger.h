@@ -6,25 +6,14 @@
 #include <cstdarg>
 #include <functional>
 
-#include "vesk/VeskEnv.h"
+#include "tests/support/keeping_logger.h"
 
 namespace vesk_test {
 
 // Keeps lines without allocating, so that a failing allocation is the cache's, and calls `on_line`
 // at each of them, so that a test sees the block as it was when the line was written.
-class StillLogger : public vesk::VeskLogger {
+class StillLogger : public KeepingLogger {
  public:
-  void Debug(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Trace(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Info(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Dump(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-  void Error(const vesk::LogSite& site, const char* format, ...) override
-      __attribute__((format(printf, 3, 4)));
-
   // Hands the lines on and forgets them.
   void Replay(vesk::VeskLogger& to);
 
@@ -41,8 +30,8 @@ class StillLogger : public vesk::VeskLogger {
     char text[256];
   };
 
-  void Keep(const char* operation, const vesk::LogSite& site, const char* format, va_list arguments)
-      __attribute__((format(printf, 4, 0)));
+  void Keep(const char* operation, const vesk::LogSite& site, const char* format,
+            va_list arguments) override __attribute__((format(printf, 4, 0)));
 
   Line lines_[kMost];
   int count_ = 0;
