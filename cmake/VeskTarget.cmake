@@ -4,6 +4,9 @@ function(vesk_target name)
   # Not -Wformat-signedness: some log texts print unsigned values with signed conversions by design.
   target_compile_options(${name} PRIVATE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2)
+  if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    target_compile_options(${name} PRIVATE -Wthread-safety)
+  endif()
   if(VESK_WERROR)
     target_compile_options(${name} PRIVATE -Werror)
   endif()

@@ -10,8 +10,8 @@ namespace vesk_test {
 namespace {
 
 std::atomic<long> live{0};
-long countdown = 0;  // 0: none is to fail
-bool fired = false;
+thread_local long countdown = 0;  // 0: none is to fail
+thread_local bool fired = false;
 std::function<void(void*, std::size_t)> watcher;
 
 void* Allocate(std::size_t bytes) noexcept {
