@@ -6,6 +6,10 @@
 #include <limits>
 #include <utility>
 
+#include "runtime/clock.h"
+#include "runtime/decorator_retry.h"
+#include "runtime/request.h"
+#include "vesk/VeskBundler.h"
 #include "vesk/VeskException.h"
 
 namespace vesk {
@@ -24,20 +28,76 @@ unsigned int RequestLength(std::size_t length) {
 
 }  // namespace
 
-File::File(VeskBundler& bundler, const std::string& name, std::uint64_t size,
-           const CacheShape& shape)
-    : shape_(shape), stream_(std::make_unique<VeskStream>(name, &bundler, 0, 0, 0)), size_(size) {}
+using FileLock = Holding<VeskLock>;
 
-File::~File() { Close(); }
+File::File(const Services& services, const std::string& name, std::uint64_t size,
+           const CacheShape& shape)
+    : services_(services),
+      name_(name),
+      shape_(shape),
+      stream_(std::make_unique<VeskStream>(name, &services.bundler, 0, 0, 0)),
+      size_(size) {
+  if (services_.reaper != nullptr) services_.reaper->Add(name_, *this);
+}
+
+File::~File() {
+  Close();
+  if (services_.reaper != nullptr) services_.reaper->Remove(*this);
+  const FileLock guard(lock_);
+  // Its blocks may be dirty or in flight, and destroying those would end the process. Their memory
+  // stays: jobs may still move bytes there.
+  (void)stream_.release();
+}
 
 bool File::Broken() const {
-  const std::lock_guard<VeskLock> guard(lock_);
+  const FileLock guard(lock_);
   return broken_;
 }
 
 FileStats File::GetStats() const {
-  const std::lock_guard<VeskLock> guard(lock_);
+  const FileLock guard(lock_);
   return stats_;
+}
+
+int File::LastWriteFailure() const {
+  const MutexLock guard(failure_mutex_);
+  return write_failure_;
+}
+
+void File::OnWriteFailure(std::function<void(const WriteFailure&)> told) {
+  const MutexLock guard(failure_mutex_);
+  told_ = std::move(told);
+}
+
+void File::WriteFails(const WriteFailure& failure) {
+  const MutexLock guard(failure_mutex_);
+  write_failure_ = failure.error;
+  if (told_) told_(failure);
+}
+
+void File::Reap() {
+  const FileLock guard(lock_);
+  if (stream_ == nullptr || broken_) return;
+  for (VeskBuffer* const block : stream_->buffers) {
+    if (block->job != nullptr) Collect(*block);
+  }
+}
+
+// Takes the end of a finished job into its block. A failed write is told to the writer later; a
+// block that was fetched in vain is fetched again when somebody asks for it.
+void File::Collect(VeskBuffer& block) {
+  const bool write = block.GetState(VeskBuffer::IOW) != 0;
+  try {
+    block.WaitForBuffer(&lock_, &services_.bundler, stream_->name, false, "Reap");
+  } catch (const VeskException& failure) {
+    if (failure.code == ERR_ASSERT) {
+      broken_ = true;
+    } else if (write) {
+      if (untold_error_ == 0) untold_error_ = failure.code;
+    } else {
+      ++stats_.failed_read_ahead;
+    }
+  }
 }
 
 // Issues `request` until it ends in something else than a wait.
@@ -52,6 +112,7 @@ File::Outcome File::Serve(const std::function<unsigned int()>& request) {
     } catch (const VeskException& failure) {
       if (failure.code == ERR_WAIT) {
         outcome.waited = true;
+        outcome.error = RequestScope::Exceeded(services_.clock);
       } else if (failure.code == ERR_ASSERT) {
         broken_ = true;
         outcome.error = EIO;
@@ -70,13 +131,13 @@ void File::Count(const Outcome& outcome) {
 
 int File::ReadAt(void* destination, std::size_t length, std::uint64_t offset, std::size_t* moved) {
   *moved = 0;
-  const std::lock_guard<VeskLock> guard(lock_);
+  const FileLock guard(lock_);
   // Clipped to the size: no block is fetched beyond the end, none is left short behind it.
   if (offset >= size_) return 0;
   const std::size_t wanted = std::min<std::uint64_t>(length, size_ - offset);
   auto* const bytes = static_cast<unsigned char*>(destination);
   while (*moved < wanted) {
-    const Outcome outcome = Serve([&] {
+    const Outcome outcome = Serve([&]() VESK_REQUIRES(lock_) {
       bool eof = false;  // afresh for each request: a true flag would make the cache invent zeros
       return stream_->Read(&lock_, bytes + *moved, offset + *moved, RequestLength(wanted - *moved),
                            &eof, size_, 0, shape_.block_size, shape_.max_blocks, shape_.read_ahead,
@@ -85,7 +146,8 @@ int File::ReadAt(void* destination, std::size_t length, std::uint64_t offset, st
     Count(outcome);
     if (outcome.error != 0) {
       // It may be a write-back's: the writer is to hear of it as well.
-      if (written_) met_by_reader_ = outcome.error;
+      const bool limited = RequestScope::Exceeded(services_.clock) == outcome.error;
+      if (written_ && !limited) untold_error_ = outcome.error;
       return outcome.error;
     }
     if (outcome.count == 0) return 0;  // the file in the store has become shorter
@@ -96,13 +158,13 @@ int File::ReadAt(void* destination, std::size_t length, std::uint64_t offset, st
 
 int File::WriteAt(const void* source, std::size_t length, std::uint64_t offset) {
   if (offset > kMaxSize || length > kMaxSize - offset) return EFBIG;
-  const std::lock_guard<VeskLock> guard(lock_);
+  const FileLock guard(lock_);
   // The cache takes one kind of pointer for both directions; a write only reads from it.
   auto* const bytes = static_cast<unsigned char*>(const_cast<void*>(source));
   const std::uint64_t limit = std::max(size_, offset + length);
   written_ = true;
   for (std::size_t moved = 0; moved < length;) {
-    const Outcome outcome = Serve([&] {
+    const Outcome outcome = Serve([&]() VESK_REQUIRES(lock_) {
       return stream_->Write(&lock_, bytes + moved, offset + moved, RequestLength(length - moved),
                             limit, 0, shape_.block_size, shape_.max_blocks, false, nullptr);
     });
@@ -115,19 +177,24 @@ int File::WriteAt(const void* source, std::size_t length, std::uint64_t offset) 
 }
 
 int File::Flush() {
-  const std::lock_guard<VeskLock> guard(lock_);
+  const FileLock guard(lock_);
   return Drain();
 }
 
 // Starts every write, then waits until no block is dirty or busy. Each failed job is met once: its
-// block is invalid from then on and passed over, so the loop ends.
+// block is invalid from then on and passed over, so the loop ends; it ends early at the limits of
+// the calling thread's request.
 int File::Drain() {
-  int first_error = std::exchange(met_by_reader_, 0);
+  int first_error = std::exchange(untold_error_, 0);
   for (bool wait = false;;) {
-    const int error = Serve([&] {
+    const int error = Serve([&]() VESK_REQUIRES(lock_) {
                         stream_->Flush(&lock_, wait, false, false, false);
                         return 0u;
                       }).error;
+    if (error != 0 && error == RequestScope::Exceeded(services_.clock)) {
+      untold_error_ = first_error;  // to be told by the next one
+      return error;
+    }
     if (first_error == 0) first_error = error;
     if (stream_ == nullptr || broken_) return first_error;
     if (error != 0) continue;
@@ -137,17 +204,29 @@ int File::Drain() {
 }
 
 int File::Close() {
-  const std::lock_guard<VeskLock> guard(lock_);
+  const FileLock guard(lock_);
   if (stream_ == nullptr) return 0;
   const int error = Drain();
+  if (error != 0 && error == RequestScope::Exceeded(services_.clock)) return error;
   if (broken_) {
-    // Its blocks may be dirty or in flight, and destroying those would end the process. Their
-    // memory stays: jobs may still move bytes there.
-    stream_.release();  // NOLINT(bugprone-unused-return-value): kept on purpose
+    (void)stream_.release();  // see the destructor
   } else {
     stream_.reset();
   }
   return error;
+}
+
+void File::Discard() {
+  {
+    const FileLock guard(lock_);
+    if (stream_ == nullptr || broken_) return;
+    for (VeskBuffer* const block : stream_->buffers) {
+      if (block->GetState(VeskBuffer::DIRTY) == 0 || block->job != nullptr) continue;
+      block->state = VeskBuffer::VALID;  // and empty, as a new block
+      block->dlen = block->dirty_length = 0;
+    }
+  }
+  if (services_.retry != nullptr) services_.retry->Discard(name_);
 }
 
 }  // namespace vesk

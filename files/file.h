@@ -7,15 +7,15 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "runtime/reaper.h"
+#include "runtime/services.h"
 #include "vesk/VeskLock.h"
+#include "vesk/VeskMutex.h"
 #include "vesk/VeskStream.h"
 
 namespace vesk {
-
-class VeskBundler;
 
 // How a file is cached.
 //   Units    bytes, blocks
@@ -33,23 +33,27 @@ struct CacheShape {
 struct FileStats {
   std::uint64_t requests = 0;  // answered by the cache: a ReadAt or WriteAt takes one or more
   std::uint64_t waited = 0;    // of them, those that waited for storage at least once
+  std::uint64_t failed_read_ahead = 0;  // blocks fetched ahead in vain; fetched again when asked for
 };
 
 // An open file.
 //   Units    bytes; offsets and lengths in the file
-//   Owns     its stream. Borrows the dispatcher, which outlives it
-//   Ends in  0 or a positive errno value. A write is taken when the cache has it; what becomes of
-//   it
+//   Owns     its stream. Borrows the services, which outlive it
+//   Ends in  0 or a positive errno value. A write is taken when the cache has it; what becomes of it
 //            in the store is told by a later WriteAt, Flush or Close, once. EIO with Broken() set:
-//            the cache failed a check of its own, and the file is of no more use
+//            the cache failed a check of its own, and the file is of no more use. ETIMEDOUT or
+//            ECANCELED: the calling thread's request (RequestScope) met its limits; a WriteAt may
+//            have taken a part, and nothing that was taken is lost
 //   Threads  any; one request at a time is inside the cache, and waits let others in
 // Life: created with the file's size -> ReadAt, WriteAt, Flush -> Close.
-class File {
+class File : private CachedFile {
  public:
   // `name` and `size` are those of an existing file in the store.
-  File(VeskBundler& bundler, const std::string& name, std::uint64_t size, const CacheShape& shape);
+  File(const Services& services, const std::string& name, std::uint64_t size,
+       const CacheShape& shape);
 
-  // Closes; an error has nobody left to hear it, so a writer calls Close itself.
+  // Closes; an error has nobody left to hear it, so a writer calls Close itself. What cannot be
+  // closed within the calling thread's limits keeps its memory, which jobs may still use.
   ~File();
 
   File(const File&) = delete;
@@ -63,15 +67,26 @@ class File {
   int WriteAt(const void* source, std::size_t length, std::uint64_t offset);
 
   // Returns when everything written has reached the store, or the first failure met. It makes
-  // nothing durable: that is VeskBackend::Sync.
+  // nothing durable: that is Store::Sync.
   int Flush();
 
-  // Flush, then lets the cache go. The file is closed whatever it returns: bytes that could not be
-  // stored are lost, and the error is the report of that.
+  // Flush, then lets the cache go. Bytes that could not be stored are lost, and the error is the
+  // report of that. ETIMEDOUT or ECANCELED: the file is still open, nothing is lost.
   int Close();
+
+  // Gives up every byte that has not reached the store, those of failing write-backs included.
+  void Discard();
 
   // The cache failed a check of its own: every later request ends in EIO.
   bool Broken() const;
+
+  // Why a write-back failed last; 0: none has failed since the file was opened. Its bytes may be kept
+  // and tried again, or stored by now.
+  int LastWriteFailure() const;
+
+  // `told` is called at each report of a failing write-back, by whatever thread meets it, which may
+  // hold locks: it takes none and returns soon (CancelToken::Cancel is such a thing).
+  void OnWriteFailure(std::function<void(const WriteFailure&)> told);
 
   FileStats GetStats() const;
 
@@ -83,18 +98,29 @@ class File {
     bool waited = false;
   };
 
-  Outcome Serve(const std::function<unsigned int()>& request);
-  void Count(const Outcome& outcome);
-  int Drain();
+  void Reap() override;
+  void WriteFails(const WriteFailure& failure) override;
 
-  mutable VeskLock lock_;  // guards all below
+  Outcome Serve(const std::function<unsigned int()>& request) VESK_REQUIRES(lock_);
+  void Count(const Outcome& outcome) VESK_REQUIRES(lock_);
+  void Collect(VeskBuffer& block) VESK_REQUIRES(lock_);
+  int Drain() VESK_REQUIRES(lock_);
+
+  const Services services_;
+  const std::string name_;
   const CacheShape shape_;
-  std::unique_ptr<VeskStream> stream_;  // null once closed
-  std::uint64_t size_;
-  bool written_ = false;
-  int met_by_reader_ = 0;  // an error that a writer has not been told yet
-  bool broken_ = false;
-  FileStats stats_;
+
+  mutable VeskLock lock_;
+  std::unique_ptr<VeskStream> stream_ VESK_GUARDED_BY(lock_);  // null once closed
+  std::uint64_t size_ VESK_GUARDED_BY(lock_);
+  bool written_ VESK_GUARDED_BY(lock_) = false;
+  int untold_error_ VESK_GUARDED_BY(lock_) = 0;  // an error that a writer has not been told yet
+  bool broken_ VESK_GUARDED_BY(lock_) = false;
+  FileStats stats_ VESK_GUARDED_BY(lock_);
+
+  mutable Mutex failure_mutex_;  // taken last of all
+  int write_failure_ VESK_GUARDED_BY(failure_mutex_) = 0;
+  std::function<void(const WriteFailure&)> told_ VESK_GUARDED_BY(failure_mutex_);
 };
 
 }  // namespace vesk

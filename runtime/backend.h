@@ -3,71 +3,90 @@
 #ifndef RUNTIME_BACKEND_H_
 #define RUNTIME_BACKEND_H_
 
-#include <sys/types.h>
-
-#include <cstdint>
-#include <string>
+#include "runtime/job_queue.h"
 
 namespace vesk {
 
 class VeskJob;
 
-// A store of named files.
-//   Units    bytes
-//   Ends in  the operations on names return 0 or a positive errno value; a transfer's end is told
-//            by its job alone
+// Who is told that a job has ended: the dispatcher, or a decorator between it and the backend.
+class EndHandler {
+ public:
+  // 0, RC_EOF (reads only), or a positive errno value, never 1000 or 1001. The handler has the job
+  // from here on.
+  //   Threads  any; the caller holds no mutex of its own
+  virtual void JobEnded(VeskJob* job, int result) = 0;
+
+ protected:
+  ~EndHandler() = default;
+};
+
+// A store of named files. Every operation is a job: transfers (runtime/transfer.h) and operations
+// on names (runtime/name_operation.h), so that waits for all of them can be bounded and decorators
+// meet all of them. A store that lacks an operation ends it with ENOTSUP.
+//   Owns     each job from Start or Run until End is called for it, exactly once
+//   Before   ReportEndsTo was called once, before the first job
 //   Threads  any, several at once
 class VeskBackend {
  public:
-  enum class Access { kRead, kWrite };
-
-  struct FileInfo {
-    std::uint64_t size = 0;
-    mode_t mode = 0;  // type and permissions, as stat(2) reports them
-    dev_t device = 0;
-    ino_t inode = 0;
-  };
-
-  // A run of a file that holds data; what lies before it reads as zeros.
-  struct Extent {
-    std::uint64_t begin = 0;
-    std::uint64_t end = 0;
-  };
-
   virtual ~VeskBackend() = default;
+  VeskBackend() = default;
+  VeskBackend(const VeskBackend&) = delete;
+  VeskBackend& operator=(const VeskBackend&) = delete;
 
-  // Takes the job in and returns soon. Some thread claims it (VeskJob::Claim), performs the
-  // transfer whole, and ends it with VeskJob::Complete: 0, RC_EOF, or a positive errno value, never
-  // 1000 or 1001. A job that another thread has claimed is left alone.
-  virtual void Start(VeskJob* job) = 0;
+  // Takes all of `jobs`, one batch, in, and returns soon. They may end before it returns, in any
+  // order, and on any thread. A transfer is carried out whole: it goes on after short counts until
+  // it is complete, the file ends (a read stores the count), or it fails.
+  virtual void Start(JobQueue& jobs) = 0;
 
-  // Performs a transfer in the calling thread and ends it.
-  //   Before   the caller has claimed the job
-  virtual void Run(VeskJob* job) = 0;
+  // Performs a job in the calling thread, which is about to wait for it, where the store can; a
+  // store that cannot starts it.
+  virtual void Run(VeskJob* job) { StartOne(job); }
 
-  virtual int Stat(const std::string& name, FileInfo* info) = 0;
+  // True: `job` had been started but not begun, and is the caller's again.
+  virtual bool Withdraw(VeskJob* job) {
+    (void)job;
+    return false;
+  }
 
-  // Tells whether the file can be opened for this access, before a job finds out.
-  virtual int Open(const std::string& name, Access access) = 0;
+  // From now on no job waits in here: every one that is not being carried out ends with `error`, and
+  // so does every one that is started later.
+  virtual void CancelAll(int error) = 0;
 
-  // Makes an empty file with exactly these permissions.
-  //   Ends in  EEXIST when the name is taken
-  virtual int Create(const std::string& name, mode_t permissions) = 0;
+  // `above` outlives every job.
+  void ReportEndsTo(EndHandler& above) { above_ = &above; }
 
-  // Sets the length; a longer file reads as zeros from its old end on.
-  virtual int Truncate(const std::string& name, std::uint64_t size) = 0;
+ protected:
+  void End(VeskJob* job, int result) { above_->JobEnded(job, result); }
 
-  // The first run of data that ends beyond `offset`, cut to begin at `offset`; empty (begin = end =
-  // size of the file) when none follows. A store that cannot tell reports everything as data.
-  virtual int NextData(const std::string& name, std::uint64_t offset, Extent* extent) = 0;
+  void StartOne(VeskJob* job) {
+    JobQueue one;
+    one.Push(job);
+    Start(one);
+  }
 
-  // Returns when the file's bytes and length, as written so far, survive a crash.
-  virtual int Sync(const std::string& name) = 0;
+ private:
+  EndHandler* above_ = nullptr;
+};
 
-  // Gives the file the name `to`, replacing what had it, and makes that survive a crash.
-  virtual int Rename(const std::string& from, const std::string& to) = 0;
+// A backend in front of another one; by itself it changes nothing.
+//   Owns     borrows `inner`, which outlives it
+class Decorator : public VeskBackend, protected EndHandler {
+ public:
+  explicit Decorator(VeskBackend& inner) : inner_(inner) { inner.ReportEndsTo(*this); }
 
-  virtual int Remove(const std::string& name) = 0;
+  void Start(JobQueue& jobs) override { inner_.Start(jobs); }
+  void Run(VeskJob* job) override { inner_.Run(job); }
+  bool Withdraw(VeskJob* job) override { return inner_.Withdraw(job); }
+  void CancelAll(int error) override { inner_.CancelAll(error); }
+
+ protected:
+  void JobEnded(VeskJob* job, int result) override { End(job, result); }
+
+  VeskBackend& inner() { return inner_; }
+
+ private:
+  VeskBackend& inner_;
 };
 
 }  // namespace vesk

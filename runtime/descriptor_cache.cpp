@@ -7,37 +7,47 @@
 
 namespace vesk {
 
+namespace {
+
+int Flags(OpenFor opened_for) {
+  switch (opened_for) {
+    case OpenFor::kRead: return O_RDONLY | O_CLOEXEC;
+    case OpenFor::kWrite: return O_WRONLY | O_CLOEXEC;
+    case OpenFor::kDirectRead: return O_RDONLY | O_DIRECT | O_CLOEXEC;
+    case OpenFor::kDirectWrite: return O_WRONLY | O_DIRECT | O_CLOEXEC;
+  }
+  return O_RDONLY | O_CLOEXEC;
+}
+
+}  // namespace
+
 Descriptor::~Descriptor() { close(fd_); }
 
-int DescriptorCache::Get(const std::string& name, VeskBackend::Access access,
-                         std::shared_ptr<const Descriptor>* descriptor) {
-  const Key key(name, access);
+int DescriptorCache::Get(const Key& key, std::shared_ptr<const Descriptor>* descriptor) {
   *descriptor = Find(key);
   if (*descriptor != nullptr) return 0;
 
-  const int flags = (access == VeskBackend::Access::kWrite ? O_WRONLY : O_RDONLY) | O_CLOEXEC;
   int fd = -1;
   do {
-    fd = open(name.c_str(), flags);
+    fd = open(key.first.c_str(), Flags(key.second));
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) return errno;
-  *descriptor = std::make_shared<const Descriptor>(fd);
+  *descriptor = std::make_shared<const Descriptor>(fd, key.second);
   Keep(key, *descriptor);
   return 0;
 }
 
 void DescriptorCache::Forget(const std::string& name) {
-  const std::lock_guard<std::mutex> guard(mutex_);
-  for (const auto access : {VeskBackend::Access::kRead, VeskBackend::Access::kWrite}) {
-    const auto found = by_key_.find(Key(name, access));
-    if (found == by_key_.end()) continue;
+  const MutexLock guard(mutex_);
+  auto found = by_key_.lower_bound(Key(name, OpenFor::kRead));
+  while (found != by_key_.end() && found->first.first == name) {
     entries_.erase(found->second);
-    by_key_.erase(found);
+    found = by_key_.erase(found);
   }
 }
 
 std::shared_ptr<const Descriptor> DescriptorCache::Find(const Key& key) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const MutexLock guard(mutex_);
   const auto found = by_key_.find(key);
   if (found == by_key_.end()) return nullptr;
   entries_.splice(entries_.begin(), entries_, found->second);
@@ -45,7 +55,7 @@ std::shared_ptr<const Descriptor> DescriptorCache::Find(const Key& key) {
 }
 
 void DescriptorCache::Keep(const Key& key, const std::shared_ptr<const Descriptor>& descriptor) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const MutexLock guard(mutex_);
   if (by_key_.count(key) != 0) return;  // another thread was first: this one serves its job only
   entries_.push_front({key, descriptor});
   by_key_[key] = entries_.begin();

@@ -1,3 +1,4 @@
+#include "runtime/clock.h"
 #include "vesk/VeskJob.h"
 
 namespace vesk {
@@ -9,23 +10,34 @@ void VeskJob::RefCountDec(VeskJob* job) {
   if (job->references_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete job;
 }
 
-bool VeskJob::Claim() {
-  int expected = JOB_STATE_SUBMITTED;
-  return state_.compare_exchange_strong(expected, JOB_STATE_RUNNING, std::memory_order_acq_rel);
-}
-
 void VeskJob::Publish(int return_value) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const MutexLock guard(mutex_);
     return_value_ = return_value;
     state_.store(JOB_STATE_DONE, std::memory_order_release);
   }
-  ended_.notify_all();
+  ended_.WakeAll();
 }
 
 void VeskJob::WaitUntilDone() {
-  std::unique_lock<std::mutex> guard(mutex_);
-  ended_.wait(guard, [this] { return GetJobState() == JOB_STATE_DONE; });
+  const MutexLock guard(mutex_);
+  while (GetJobState() != JOB_STATE_DONE) ended_.Wait(mutex_);
+}
+
+bool VeskJob::WaitUntilDone(Clock& clock, std::chrono::steady_clock::time_point deadline,
+                            const std::atomic<bool>* cancelled) {
+  const MutexLock guard(mutex_);
+  while (GetJobState() != JOB_STATE_DONE) {
+    if (cancelled != nullptr && cancelled->load(std::memory_order_acquire)) return false;
+    if (clock.Now() >= deadline) return false;
+    clock.WaitUntil(ended_, mutex_, deadline);
+  }
+  return true;
+}
+
+void VeskJob::WakeWaiters() {
+  { const MutexLock guard(mutex_); }  // a waiter has looked and sleeps, or has yet to look
+  ended_.WakeAll();
 }
 
 }  // namespace vesk

@@ -3,12 +3,12 @@
 
 namespace vesk {
 
-void VeskLock::lock() {
+void VeskLock::lock() VESK_NO_THREAD_SAFETY_ANALYSIS {
   mutex_.lock();
   Plug::OfThisThread().LockTaken();
 }
 
-void VeskLock::unlock() {
+void VeskLock::unlock() VESK_NO_THREAD_SAFETY_ANALYSIS {
   Plug& plug = Plug::OfThisThread();
   plug.LockGivenUp();
   mutex_.unlock();

@@ -10,9 +10,8 @@ namespace vesk {
 // A thread that holds a VeskLock is inside a request: the code that submitted a job may still look
 // at the job's block, and takes a job that has already ended for a broken promise. So the jobs stay
 // in the thread's plug until it waits or gives a lock up; that also lets a read-ahead burst leave
-// as one.
-//   Owns     a reference to each job held back: once the lock is free another thread may wait for
-//            the job, run it itself and let it go
+// as one batch.
+//   Owns     nothing: the dispatcher holds a reference to each of its jobs
 //   Threads  one object a thread, used by that thread alone
 class Plug {
  public:
@@ -20,12 +19,15 @@ class Plug {
   static Plug& OfThisThread();
 
   bool HoldsBack() const { return locks_held_ > 0; }
-  void Add(VeskJob* job);
+  void Add(VeskJob* job) { jobs_.Push(job); }
+
+  // True: `job` was held back here and is the caller's to run.
+  bool Withdraw(VeskJob* job);
 
   void LockTaken() { ++locks_held_; }
   void LockGivenUp() { --locks_held_; }
 
-  // Starts the jobs held back, in order.
+  // Starts the jobs held back, in order, those of one dispatcher as one batch.
   void Release();
 
  private:

@@ -4,22 +4,23 @@
 #define VESK_VESKJOB_H_
 
 #include <atomic>
-#include <condition_variable>
+#include <chrono>
 #include <memory>
-#include <mutex>
 
+#include "vesk/VeskMutex.h"
 #include "vesk/VeskOP.h"
 
 namespace vesk {
 
-class VeskBundler;
+class Clock;
+class Dispatcher;
+class JobQueue;
 class VeskStream;
 
 constexpr int JOB_TYPE_IO = 1;
 
 constexpr int JOB_STATE_NEW = 0;
 constexpr int JOB_STATE_SUBMITTED = 1;
-constexpr int JOB_STATE_RUNNING = 2;
 constexpr int JOB_STATE_DONE = 4;
 
 // Return value of a read that found the end of the file. It equals -ENOENT, which is one reason
@@ -34,8 +35,7 @@ constexpr int RC_EOF = -2;
 // Moves of the state:                                  made by
 //   (new)     -> NEW                                   constructor
 //   NEW       -> SUBMITTED                             VeskBundler::SubmitJob
-//   SUBMITTED -> RUNNING                               Claim: exactly one caller wins
-//   RUNNING   -> DONE                                  Publish, once
+//   SUBMITTED -> DONE                                  Publish, once
 class VeskJob {
  public:
   VeskJob(int type, VeskOP* op);
@@ -64,16 +64,6 @@ class VeskJob {
 
   const VeskOP& GetOP() const { return *op_; }
 
-  // True for exactly one caller after submission: that one performs the transfer and ends it.
-  bool Claim();
-
-  // Ends the job: the one thing a backend does with it after the transfer.
-  //   Before   Claim was won; for a read, the count has been stored
-  //   After    a read is off its stream's `pending_io`, the end is published, the dispatcher's
-  //            reference is dropped: the caller touches the job no more
-  //   Threads  any thread that does not hold the stream's `stream_mutex`
-  void Complete(int return_value);
-
   // Stores the return value, then publishes the end and wakes every waiter.
   //   Before   the caller holds a reference beyond the block's: whoever sees the end may drop that
   void Publish(int return_value);
@@ -82,14 +72,24 @@ class VeskJob {
   //   Before   the caller holds a reference
   void WaitUntilDone();
 
+  // The same, but also until `deadline` has come by `clock`, or `*cancelled` is true and the waiters
+  // were woken. True: the job has ended.
+  //   Before   `cancelled` may be null
+  bool WaitUntilDone(Clock& clock, std::chrono::steady_clock::time_point deadline,
+                     const std::atomic<bool>* cancelled);
+
+  // Makes every waiter look at its reasons to go on waiting.
+  void WakeWaiters();
+
   // Written by the cache right after it has constructed a read job: the stream whose `pending_io`
   // counts the job. Null for a write. A split leaves it on the stream that started the read.
   VeskStream* owner_stream = nullptr;
 
  private:
+  friend class DelayQueue;
+  friend class Dispatcher;
   friend class JobQueue;
   friend class Plug;
-  friend class VeskBundler;
 
   ~VeskJob() = default;
 
@@ -98,10 +98,22 @@ class VeskJob {
   int return_value_ = 0;  // written once, before state_ becomes DONE
   std::atomic<int> state_{JOB_STATE_NEW};
   std::atomic<int> references_{1};
-  std::mutex mutex_;  // orders Publish against sleepers
-  std::condition_variable ended_;
-  VeskBundler* bundler_ = nullptr;  // set by SubmitJob
-  VeskJob* next_ = nullptr;         // link of the one JobQueue that holds the job
+  Mutex mutex_;  // orders Publish against sleepers
+  Condition ended_;
+
+  // The dispatcher's: set by SubmitJob.
+  Dispatcher* dispatcher_ = nullptr;
+  std::chrono::steady_clock::time_point submitted_{};
+  bool run_by_waiter_ = false;
+
+  // When a DelayQueue that holds the job lets it go.
+  std::chrono::steady_clock::time_point due_{};
+
+  // Links of the one queue that holds the job, guarded by whatever guards that queue; `queue_` is
+  // atomic so that the owner of another queue may ask.
+  std::atomic<const JobQueue*> queue_{nullptr};
+  VeskJob* next_ = nullptr;
+  VeskJob* previous_ = nullptr;
 };
 
 }  // namespace vesk

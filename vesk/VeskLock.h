@@ -3,27 +3,27 @@
 #ifndef VESK_VESKLOCK_H_
 #define VESK_VESKLOCK_H_
 
-#include <mutex>
+#include "vesk/VeskMutex.h"
 
 namespace vesk {
 
 // A mutex that the dispatcher knows about: jobs submitted by a thread that holds one start when
 // that thread waits or gives one up, so that no job can end while the call that submitted it is
 // still looking at the block. It has the names of the standard library's lockables, so
-// std::lock_guard and std::unique_lock take it.
+// Holding<VeskLock> and std::lock_guard take it.
 //   Before   not recursive; unlocked by the thread that locked it
 //   Threads  any
-class VeskLock {
+class VESK_CAPABILITY("VeskLock") VeskLock {
  public:
   VeskLock() = default;
   VeskLock(const VeskLock&) = delete;
   VeskLock& operator=(const VeskLock&) = delete;
 
-  void lock();
-  void unlock();
+  void lock() VESK_ACQUIRE();
+  void unlock() VESK_RELEASE();
 
  private:
-  std::mutex mutex_;
+  Mutex mutex_;
 };
 
 }  // namespace vesk

@@ -4,7 +4,9 @@
 #define VESK_VESKOP_H_
 
 #include <cstddef>
+#include <memory>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -38,6 +40,12 @@ class VeskOP {
   void AddInt(int value) { arguments_.emplace_back(value); }
   void AddULong(unsigned long value) { arguments_.emplace_back(value); }
 
+  // Memory that lives as long as the operation; read with GetPtr. The cache never uses it.
+  void AddShared(std::shared_ptr<void> value) {
+    arguments_.emplace_back(value.get());
+    shared_ = std::move(value);
+  }
+
   unsigned int GetOpcode() const { return opcode_; }
   unsigned int GetFlags() const { return flags_; }
   std::size_t GetArgumentCount() const { return arguments_.size(); }
@@ -65,6 +73,7 @@ class VeskOP {
   const unsigned int opcode_;
   const unsigned int flags_;
   std::vector<std::variant<std::string, void*, int, unsigned long>> arguments_;
+  std::shared_ptr<void> shared_;
 };
 
 }  // namespace vesk

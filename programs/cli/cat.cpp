@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "programs/cli/commands.h"
@@ -21,23 +24,18 @@ int WriteAll(int fd, const unsigned char* bytes, std::size_t length) {
   return 0;
 }
 
-}  // namespace
-
-int Cat(World& world) {
-  const Options& options = world.options();
-  vesk::VeskBackend::FileInfo info;
-  if (const int status = world.CheckSource(options.source, &info)) return status;
-
-  vesk::File file(world.bundler(), options.source, info.size, options.shape);
-  std::vector<unsigned char> chunk(
-      std::min<std::uint64_t>(ChunkSize(options.shape), std::max<std::uint64_t>(info.size, 1)));
-  std::uint64_t offset = 0;
-  while (offset < info.size) {
+// Moves the file to standard output.
+int CatWhole(World& world, vesk::File& file, std::uint64_t size) {
+  const std::string& name = world.options().source;
+  std::vector<unsigned char> chunk(std::min<std::uint64_t>(
+      ChunkSize(world.shape()), std::max<std::uint64_t>(size, 1)));
+  for (std::uint64_t offset = 0; offset < size;) {
+    const vesk::RequestScope scope(world.NewLimits());
     std::size_t count = 0;
     const int error = file.ReadAt(chunk.data(), chunk.size(), offset, &count);
-    if (error != 0) return World::Fail("read", options.source, file, error);
+    if (error != 0) return World::Fail("read", name, file, error);
     if (count == 0) {
-      return World::Fail("read", options.source,
+      return World::Fail("read", name,
                          std::string("The file became shorter while it was read"));
     }
     if (const int failed = WriteAll(STDOUT_FILENO, chunk.data(), count)) {
@@ -45,8 +43,21 @@ int Cat(World& world) {
     }
     offset += count;
   }
-  if (options.stats) world.Report("Read", offset, &file, nullptr);
   return kExitOk;
+}
+
+}  // namespace
+
+int Cat(World& world) {
+  const Options& options = world.options();
+  vesk::FileInfo info;
+  if (const int status = world.CheckSource(options.source, &info)) return status;
+  auto file = std::make_unique<vesk::File>(world.runtime().services(), options.source, info.size,
+                                           world.shape());
+  const int status = CatWhole(world, *file, info.size);
+  if (status == kExitOk && options.stats) world.Report("Read", info.size, file.get(), nullptr);
+  world.Leave(std::move(file));
+  return status;
 }
 
 }  // namespace vesk_cli

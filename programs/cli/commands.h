@@ -12,8 +12,12 @@ int Cat(World& world);
 
 // Copies the source to the destination. The bytes go to a file of another name beside it, which
 // takes the destination's name once it is complete and durable, and is removed when the copy fails
-// or is interrupted.
+// or is interrupted. A write that fails is tried again where the store does that (retry) and the
+// failure may pass; otherwise it ends the copy.
 int Copy(World& world);
+
+// Lists all settings with the values they have.
+int ListSettings(const Options& options, const vesk::Settings& settings);
 
 }  // namespace vesk_cli
 

@@ -1,12 +1,15 @@
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "programs/cli/commands.h"
@@ -15,24 +18,17 @@ namespace vesk_cli {
 
 namespace {
 
-using vesk::VeskBackend;
-
-volatile sig_atomic_t interrupted_by = 0;
-
-extern "C" void Interrupt(int signal_number) { interrupted_by = signal_number; }
-
-// SIGINT, SIGTERM and SIGHUP stop the copy between two chunks, so that its half can be removed.
-void CatchSignals() {
-  struct sigaction action = {};
-  action.sa_handler = Interrupt;
-  for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
-    sigaction(signal_number, &action, nullptr);
-  }
+int Interrupted(const World& world) {
+  World::Fail("copy to", world.options().destination, std::string("Interrupted"));
+  return 128 + world.interrupted_by();
 }
 
-int Interrupted(const std::string& name) {
-  World::Fail("copy to", name, std::string("Interrupted"));
-  return 128 + interrupted_by;
+// Why the copy cannot go on: a signal; a failing write-back that will not pass, for which the
+// request was called off; or the request's own error.
+int CannotWrite(World& world, const vesk::File& to, int error) {
+  if (world.interrupted_by() != 0) return Interrupted(world);
+  if (error == ECANCELED && to.LastWriteFailure() != 0) error = to.LastWriteFailure();
+  return World::Fail("write", world.options().destination, to, error);
 }
 
 // The name behind symbolic links, so that a link stays one when its target is replaced.
@@ -42,10 +38,10 @@ std::string Resolved(const std::string& name) {
 }
 
 // Checks the destination and chooses the permissions of the copy: an existing file keeps its own.
-int CheckDestination(World& world, const VeskBackend::FileInfo& source, mode_t* permissions) {
+int CheckDestination(World& world, const vesk::FileInfo& source, mode_t* permissions) {
   const std::string& name = world.options().destination;
-  VeskBackend::FileInfo info;
-  const int error = world.backend().Stat(name, &info);
+  vesk::FileInfo info;
+  const int error = world.store().Stat(name, &info);
   if (error == ENOENT) {
     const mode_t mask = umask(0);
     umask(mask);
@@ -58,7 +54,7 @@ int CheckDestination(World& world, const VeskBackend::FileInfo& source, mode_t* 
   if (info.device == source.device && info.inode == source.inode) {
     return World::Fail("write", name, std::string("It is the same file as the source"));
   }
-  if (const int denied = world.backend().Open(name, VeskBackend::Access::kWrite)) {
+  if (const int denied = world.store().Open(name, vesk::Access::kWrite)) {
     return World::Fail("write", name, denied);
   }
   *permissions = info.mode & 07777;
@@ -68,10 +64,10 @@ int CheckDestination(World& world, const VeskBackend::FileInfo& source, mode_t* 
 // The unfinished copy: a file beside the destination, removed unless it took its name.
 class PartialFile {
  public:
-  PartialFile(VeskBackend& backend, const std::string& destination)
-      : backend_(backend), destination_(destination) {}
+  PartialFile(vesk::Store& store, const std::string& destination)
+      : store_(store), destination_(destination) {}
   ~PartialFile() {
-    if (exists_) backend_.Remove(name_);
+    if (exists_) store_.Remove(name_);
   }
   PartialFile(const PartialFile&) = delete;
   PartialFile& operator=(const PartialFile&) = delete;
@@ -85,7 +81,7 @@ class PartialFile {
     for (int attempt = 0; error == EEXIST && attempt < kAttempts; ++attempt) {
       name_ = directory + ".vesk-cp-" + std::to_string(getpid()) + "-" + std::to_string(attempt) +
               ".partial";
-      error = backend_.Create(name_, permissions);
+      error = store_.Create(name_, permissions);
     }
     exists_ = error == 0;
     return error;
@@ -93,9 +89,9 @@ class PartialFile {
 
   // Gives it its length, for a file may end in a hole, makes it durable, and then the destination.
   int Finish(std::uint64_t size) {
-    if (const int error = backend_.Truncate(name_, size)) return error;
-    if (const int error = backend_.Sync(name_)) return error;
-    const int error = backend_.Rename(name_, destination_);
+    if (const int error = store_.Truncate(name_, size)) return error;
+    if (const int error = store_.Sync(name_)) return error;
+    const int error = store_.Rename(name_, destination_);
     if (error == 0) exists_ = false;
     return error;
   }
@@ -103,7 +99,7 @@ class PartialFile {
  private:
   static constexpr int kAttempts = 100;
 
-  VeskBackend& backend_;
+  vesk::Store& store_;
   const std::string destination_;
   std::string name_;
   bool exists_ = false;
@@ -112,12 +108,13 @@ class PartialFile {
 // Moves the source's data; holes are passed over.
 int CopyData(World& world, vesk::File& from, vesk::File& to, std::uint64_t size) {
   const Options& options = world.options();
-  std::vector<unsigned char> chunk(ChunkSize(options.shape));
-  VeskBackend::Extent extent;
+  std::vector<unsigned char> chunk(ChunkSize(world.shape()));
+  vesk::Extent extent;
   for (std::uint64_t offset = 0; offset < size;) {
-    if (interrupted_by != 0) return Interrupted(options.destination);
+    const vesk::RequestScope scope(world.NewLimits());
+    if (world.interrupted_by() != 0) return Interrupted(world);
     if (offset >= extent.end) {
-      const int error = world.backend().NextData(options.source, offset, &extent);
+      const int error = world.store().NextData(options.source, offset, &extent);
       if (error != 0) return World::Fail("read", options.source, error);
       if (extent.begin >= extent.end) return kExitOk;  // a hole to the end
       offset = extent.begin;
@@ -126,6 +123,7 @@ int CopyData(World& world, vesk::File& from, vesk::File& to, std::uint64_t size)
         std::min<std::uint64_t>(chunk.size(), std::min(extent.end, size) - offset);
     std::size_t count = 0;
     if (const int error = from.ReadAt(chunk.data(), wanted, offset, &count)) {
+      if (world.interrupted_by() != 0) return Interrupted(world);
       return World::Fail("read", options.source, from, error);
     }
     if (count < wanted) {
@@ -133,37 +131,71 @@ int CopyData(World& world, vesk::File& from, vesk::File& to, std::uint64_t size)
                          std::string("The file became shorter while it was copied"));
     }
     if (const int error = to.WriteAt(chunk.data(), count, offset)) {
-      return World::Fail("write", options.destination, to, error);
+      return CannotWrite(world, to, error);
     }
     offset += count;
   }
   return kExitOk;
 }
 
+// A failure that may pass is waited out, said once; any other ends the copy.
+void Judge(World& world, const vesk::WriteFailure& failure) {
+  if (!failure.transient || failure.given_up) {
+    world.CallOff();
+    return;
+  }
+  static std::atomic<bool> said{false};
+  if (said.exchange(true)) return;
+  std::fprintf(stderr, "vesk: writing '%s' fails now and is tried again: %s\n",
+               world.options().destination.c_str(),
+               std::generic_category().message(failure.error).c_str());
+}
+
+// Moves all bytes and completes the copy; or gives up what is not written yet, since the unfinished
+// file is to be removed.
+int CopyWhole(World& world, vesk::File& from, vesk::File& to, std::uint64_t size,
+              PartialFile* partial) {
+  const std::string& destination = world.options().destination;
+  int status = CopyData(world, from, to, size);
+  if (status == kExitOk) {
+    const vesk::RequestScope scope(world.NewLimits());
+    if (const int error = to.Close()) {
+      status = CannotWrite(world, to, error);
+    } else if (world.interrupted_by() != 0) {
+      status = Interrupted(world);
+    } else if (const int failed = partial->Finish(size)) {
+      status = World::Fail("complete", destination, failed);
+    }
+  }
+  if (status != kExitOk) to.Discard();
+  return status;
+}
+
 }  // namespace
 
 int Copy(World& world) {
   const Options& options = world.options();
-  VeskBackend::FileInfo source;
+  vesk::FileInfo source;
   if (const int status = world.CheckSource(options.source, &source)) return status;
   mode_t permissions = 0;
   if (const int status = CheckDestination(world, source, &permissions)) return status;
 
-  CatchSignals();
-  PartialFile partial(world.backend(), Resolved(options.destination));
+  PartialFile partial(world.store(), Resolved(options.destination));
   if (const int error = partial.Create(permissions)) {
     return World::Fail("create", options.destination, error);
   }
-  vesk::File from(world.bundler(), options.source, source.size, options.shape);
-  vesk::File to(world.bundler(), partial.name(), 0, options.shape);
-  if (const int status = CopyData(world, from, to, source.size)) return status;
-  if (const int error = to.Close()) return World::Fail("write", options.destination, to, error);
-  if (interrupted_by != 0) return Interrupted(options.destination);
-  if (const int error = partial.Finish(source.size)) {
-    return World::Fail("complete", options.destination, error);
+  const vesk::Services services = world.runtime().services();
+  auto from =
+      std::make_unique<vesk::File>(services, options.source, source.size, world.shape());
+  auto to = std::make_unique<vesk::File>(services, partial.name(), 0, world.shape());
+  to->OnWriteFailure([&world](const vesk::WriteFailure& failure) { Judge(world, failure); });
+  const int status = CopyWhole(world, *from, *to, source.size, &partial);
+  if (status == kExitOk && options.stats) {
+    world.Report("Copied", source.size, from.get(), to.get());
   }
-  if (options.stats) world.Report("Copied", source.size, &from, &to);
-  return kExitOk;
+  world.Leave(std::move(from));
+  world.Leave(std::move(to));
+  return status;
 }
 
 }  // namespace vesk_cli

@@ -1,13 +1,23 @@
-// The command line: vesk cat FILE, vesk cp SRC DST.
+// The command line: vesk cat FILE, vesk cp SRC DST, vesk settings.
 
 #include <signal.h>
 
 #include <cstdio>
 #include <exception>
+#include <stdexcept>
 
 #include "programs/cli/commands.h"
 #include "programs/cli/options.h"
 #include "programs/cli/world.h"
+
+namespace {
+
+int Run(vesk_cli::World& world) {
+  return world.options().command == vesk_cli::Options::Command::kCopy ? vesk_cli::Copy(world)
+                                                                      : vesk_cli::Cat(world);
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   using namespace vesk_cli;
@@ -15,11 +25,16 @@ int main(int argc, char** argv) {
   signal(SIGXFSZ, SIG_IGN);
   try {
     Options options;
+    vesk::Settings settings;
     int status = kExitOk;
-    if (!ParseOptions(argc, argv, &options, &status)) return status;
-    World world(options);
-    return options.command == Options::Command::kCopy ? Copy(world) : Cat(world);
-  } catch (const std::exception& failure) {  // no memory, or no threads to be had
+    if (!ParseOptions(argc, argv, &options, &settings, &status)) return status;
+    if (options.command == Options::Command::kSettings) return ListSettings(options, settings);
+    World world(options, settings);
+    return Run(world);
+  } catch (const std::invalid_argument& refusal) {  // the store cannot be had as it was asked for
+    PrintUsageError(refusal.what());
+    return kExitUsage;
+  } catch (const std::exception& failure) {  // no memory, no threads, no log file to be had
     std::fprintf(stderr, "vesk: %s\n", failure.what());
     return kExitFailed;
   }

@@ -2,49 +2,23 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
-#include <limits>
 
 namespace vesk_cli {
 
 namespace {
 
 constexpr char kFooter[] =
-    "Exit status: 0 done; 1 a file could not be read or written; 2 the command line is wrong;\n"
-    "128 + N ended by signal N. A copy appears under its name only once it is complete and safe\n"
-    "on storage.";
-
-void AddOptions(CLI::App* app, Options* options) {
-  vesk::CacheShape& shape = options->shape;
-  // The bounds are checked on the plain number: what is added last is applied first.
-  app->add_option("--block-size", shape.block_size, "Bytes of a cache block (suffixes K, M)")
-      ->check(CLI::Range(1u, vesk::CacheShape::kMaxBlockSize))
-      ->transform(CLI::AsSizeValue(false))
-      ->type_name("SIZE")
-      ->default_str("256K");
-  app->add_option("--max-blocks", shape.max_blocks, "Blocks kept in memory per file")
-      ->check(CLI::Range(1u, 1000000u))
-      ->type_name("COUNT")
-      ->capture_default_str();
-  app->add_option("--read-ahead", shape.read_ahead,
-                  "Blocks fetched ahead of a sequential reader; 0: off")
-      ->check(CLI::Range(0u, vesk::CacheShape::kMaxReadAhead))
-      ->type_name("COUNT")
-      ->capture_default_str();
-  app->add_option("--refresh", options->refresh_seconds,
-                  "Seconds before a cached block is fetched again; 0: never, and no read-ahead")
-      ->check(CLI::Range(0, std::numeric_limits<int>::max()))
-      ->type_name("SECONDS")
-      ->capture_default_str();
-  app->add_option("--trace", options->trace, "Log lines of this level and above on standard error")
-      ->check(CLI::IsMember({"off", "error", "dump", "info", "trace", "debug"}))
-      ->type_name("LEVEL")
-      ->capture_default_str();
-  app->add_flag("--stats", options->stats, "Tell on standard error what the cache did");
-}
+    "Exit status: 0 done; 1 a file could not be read or written; 2 a setting or the command line is\n"
+    "wrong; 128 + N ended by signal N. A copy appears under its name only once it is complete and\n"
+    "safe on storage.";
 
 }  // namespace
 
-bool ParseOptions(int argc, char** argv, Options* options, int* status) {
+void PrintUsageError(const std::string& message) {
+  std::cerr << "vesk: " << message << " (see vesk --help)\n";
+}
+
+bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* settings, int* status) {
   CLI::App app("Reads and copies files through the Vesk block cache.", "vesk");
   app.footer(kFooter);
   app.require_subcommand(1);
@@ -55,7 +29,13 @@ bool ParseOptions(int argc, char** argv, Options* options, int* status) {
   copy->add_option("SRC", options->source, "The file to copy")->required();
   copy->add_option("DST", options->destination, "The name of the copy; replaced when it exists")
       ->required();
-  for (CLI::App* const command : {cat, copy}) AddOptions(command, options);
+  for (CLI::App* const command : {cat, copy}) {
+    command->add_flag("--stats", options->stats, "Tell on standard error what the cache did");
+    vesk::AddSettings(command, &options->settings_source);
+    command->footer(vesk::SettingsFooter());
+  }
+  CLI::App* const table = app.add_subcommand("settings", "List all settings");
+  table->add_flag("--markdown", options->markdown, "As tables for a documentation page");
 
   try {
     app.parse(argc, argv);
@@ -64,19 +44,23 @@ bool ParseOptions(int argc, char** argv, Options* options, int* status) {
       std::cout << command->help("vesk");
       return false;
     }
-    std::cout << app.help("", CLI::AppFormatMode::All);
+    std::cout << app.help();
     return false;
   } catch (const CLI::ParseError& error) {
     const bool unknown = app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-';
-    std::cerr << "vesk: "
-              << (unknown ? std::string("There is no command '") + argv[1] + "', only cat and cp"
-                          : error.what())
-              << " (see vesk --help)\n";
+    PrintUsageError(unknown ? std::string("There is no command '") + argv[1] +
+                                  "', only cat, cp and settings"
+                            : vesk::ParseErrorText(app, error));
     *status = kExitUsage;
     return false;
   }
-  options->command = copy->parsed() ? Options::Command::kCopy : Options::Command::kCat;
-  return true;
+  if (copy->parsed()) options->command = Options::Command::kCopy;
+  if (table->parsed()) options->command = Options::Command::kSettings;
+  const std::string refusal = options->settings_source.Load(settings);
+  if (refusal.empty()) return true;
+  PrintUsageError(refusal);
+  *status = kExitUsage;
+  return false;
 }
 
 }  // namespace vesk_cli

@@ -5,31 +5,33 @@
 
 #include <string>
 
-#include "files/file.h"
+#include "programs/settings_source.h"
+#include "runtime/settings.h"
 
 namespace vesk_cli {
 
 struct Options {
-  enum class Command { kCat, kCopy };
+  enum class Command { kCat, kCopy, kSettings };
 
   Command command = Command::kCat;
   std::string source;
   std::string destination;  // of a copy
-
-  vesk::CacheShape shape;
-  int refresh_seconds = 30;
-  std::string trace = "off";
   bool stats = false;
+  bool markdown = false;  // of the table of settings
+  vesk::SettingsSource settings_source;
 };
 
 // Exit statuses of the program; a signal that ended it gives 128 and its number.
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;  // a file could not be read or written
-constexpr int kExitUsage = 2;   // the command line is wrong; nothing was touched
+constexpr int kExitUsage = 2;   // a setting or the command line is wrong; nothing was touched
 
-// True: `*options` is what the command line says. False: the program is to end with `*status`, help
-// or a message having been printed.
-bool ParseOptions(int argc, char** argv, Options* options, int* status);
+// True: `*options` and `*settings` are what command line, environment and configuration file say.
+// False: the program is to end with `*status`, help or a message having been printed.
+bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* settings, int* status);
+
+// "vesk: <message> (see vesk --help)" on standard error.
+void PrintUsageError(const std::string& message);
 
 }  // namespace vesk_cli
 

@@ -1,30 +1,19 @@
 #include "programs/cli/world.h"
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <map>
 #include <system_error>
 
-#include "runtime/log_null.h"
-#include "runtime/log_stderr.h"
+#include "runtime/decorator_retry.h"
 
 namespace vesk_cli {
 
 namespace {
-
-std::unique_ptr<vesk::VeskLogger> MakeLogger(const std::string& level) {
-  static const std::map<std::string, vesk::LogLevel> kLevels = {{"debug", vesk::LogLevel::kDebug},
-                                                                {"trace", vesk::LogLevel::kTrace},
-                                                                {"info", vesk::LogLevel::kInfo},
-                                                                {"dump", vesk::LogLevel::kDump},
-                                                                {"error", vesk::LogLevel::kError}};
-  const auto found = kLevels.find(level);
-  if (found == kLevels.end()) return std::make_unique<vesk::NullLogger>();
-  return std::make_unique<vesk::StderrLogger>(found->second);
-}
 
 std::string Bytes(double bytes) {
   static const char* const kUnits[] = {"bytes", "KiB", "MiB", "GiB", "TiB"};
@@ -50,25 +39,66 @@ void PrintRequests(const char* side, const vesk::File* file) {
       percent, static_cast<unsigned long long>(stats.waited));
 }
 
-void PrintJobs(const char* side, const vesk::DispatcherStats::Transfers& jobs) {
-  std::fprintf(stderr, "  %s jobs      %8llu   %s moved from or to storage, %llu failed\n", side,
-               static_cast<unsigned long long>(jobs.jobs), Bytes(jobs.bytes).c_str(),
-               static_cast<unsigned long long>(jobs.failed));
+double Milliseconds(std::uint64_t nanoseconds) { return static_cast<double>(nanoseconds) / 1e6; }
+
+void PrintJobs(const char* side, const vesk::DispatcherStats::Jobs& jobs) {
+  std::fprintf(stderr,
+               "  %s jobs      %8llu   %s moved from or to storage, %llu failed; "
+               "latency p50 %.2f p99 %.2f max %.2f ms\n",
+               side, static_cast<unsigned long long>(jobs.ended), Bytes(jobs.bytes).c_str(),
+               static_cast<unsigned long long>(jobs.failed), Milliseconds(jobs.latency.p50),
+               Milliseconds(jobs.latency.p99), Milliseconds(jobs.latency.max));
+}
+
+void PrintRetries(const vesk::RetryDecorator::Totals& retries) {
+  std::fprintf(stderr, "  tried again     %8llu   times, %llu jobs recovered\n",
+               static_cast<unsigned long long>(retries.writes.retried + retries.others.retried),
+               static_cast<unsigned long long>(retries.writes.recovered + retries.others.recovered));
 }
 
 }  // namespace
 
-World::World(const Options& options)
-    : options_(options),
-      logger_(MakeLogger(options.trace)),
-      env_{nullptr, logger_.get(), &settings_},
-      backend_(vesk::ThreadsBackend::Options{}),
-      bundler_(backend_) {
-  settings_.refresh_interval = options.refresh_seconds;
-  vesk::gEnv = &env_;
+World::World(const Options& options, vesk::Settings& settings)
+    : options_(options), settings_(settings) {
+  const bool copy = options.command == Options::Command::kCopy;
+  const auto handle = [this](int signal_number) { Signalled(signal_number); };
+  // Reading has nothing to clean up: a signal ends it as it would any program.
+  if (copy) {
+    signals_ = std::make_unique<vesk::SignalWatcher>(
+        std::initializer_list<int>{SIGINT, SIGTERM, SIGHUP}, handle);
+  } else if (options.settings_source.HasFile()) {
+    signals_ = std::make_unique<vesk::SignalWatcher>(std::initializer_list<int>{SIGHUP}, handle);
+  }
+  runtime_ = std::make_unique<vesk::VeskRuntime>(settings);
+  begin_ = runtime_->clock().Now();
 }
 
-World::~World() { vesk::gEnv = nullptr; }
+void World::Leave(std::unique_ptr<vesk::File> file) {
+  const auto patience =
+      std::chrono::milliseconds(settings_.shutdown_timeout_ms.load(std::memory_order_relaxed));
+  const vesk::RequestScope scope({runtime_->clock().Now() + patience, nullptr});
+  file.reset();
+}
+
+vesk::CacheShape World::shape() const {
+  return {settings_.block_size, settings_.max_blocks, settings_.read_ahead};
+}
+
+void World::Signalled(int signal_number) {
+  if (signal_number == SIGHUP && options_.settings_source.HasFile()) {
+    ReloadSettings();
+    return;
+  }
+  if (interrupted_by_.exchange(signal_number) != 0) _exit(128 + signal_number);
+  cancel_.Cancel();
+}
+
+void World::ReloadSettings() {
+  for (const std::string& line : options_.settings_source.Reload(&settings_).Lines()) {
+    std::fprintf(stderr, "vesk: %s\n", line.c_str());
+  }
+  if (runtime_ != nullptr) runtime_->SettingsChanged();
+}
 
 int World::Fail(const std::string& what, const std::string& name, const std::string& reason) {
   std::fprintf(stderr, "vesk: cannot %s '%s': %s\n", what.c_str(), name.c_str(), reason.c_str());
@@ -84,35 +114,37 @@ int World::Fail(const std::string& what, const std::string& name, const vesk::Fi
   if (!file.Broken()) return Fail(what, name, error);
   return Fail(what, name,
               "the cache failed a check of its own, perhaps for lack of memory "
-              "(--trace error shows which)");
+              "(--log-levels error shows which)");
 }
 
-int World::CheckSource(const std::string& name, vesk::VeskBackend::FileInfo* info) {
-  if (const int error = backend_.Stat(name, info)) return Fail("read", name, error);
+int World::CheckSource(const std::string& name, vesk::FileInfo* info) {
+  if (const int error = store().Stat(name, info)) return Fail("read", name, error);
   if (S_ISDIR(info->mode)) return Fail("read", name, EISDIR);
   if (!S_ISREG(info->mode)) return Fail("read", name, std::string("Not a regular file"));
-  if (const int error = backend_.Open(name, vesk::VeskBackend::Access::kRead)) {
+  if (const int error = store().Open(name, vesk::Access::kRead)) {
     return Fail("read", name, error);
   }
   return kExitOk;
 }
 
 void World::Report(const std::string& verb, std::uint64_t bytes, const vesk::File* reader,
-                   const vesk::File* writer) const {
+                   const vesk::File* writer) {
   using Seconds = std::chrono::duration<double>;
-  const double seconds = Seconds(std::chrono::steady_clock::now() - begin_).count();
+  const double seconds = Seconds(runtime_->clock().Now() - begin_).count();
   std::fprintf(stderr, "%s %s in %.2f s (%s/s)\n", verb.c_str(), Bytes(bytes).c_str(), seconds,
                Bytes(static_cast<double>(bytes) / std::max(seconds, 1e-6)).c_str());
   PrintRequests("read ", reader);
   PrintRequests("write", writer);
-  const vesk::DispatcherStats stats = bundler_.GetStats();
+  const vesk::DispatcherStats stats = runtime_->dispatcher().GetStats();
+  std::fprintf(stderr, "  storage         %s\n", runtime_->backend_name().c_str());
   PrintJobs("read ", stats.reads);
   if (writer != nullptr) PrintJobs("write", stats.writes);
   for (const auto& [tag, waits] : stats.waits) {
     std::fprintf(stderr, "  waits           %8llu   for \"%s\", %.1f ms in all\n",
                  static_cast<unsigned long long>(waits.count), tag.c_str(),
-                 1000 * Seconds(waits.time).count());
+                 Milliseconds(waits.nanoseconds));
   }
+  if (runtime_->retry() != nullptr) PrintRetries(runtime_->retry()->GetTotals());
 }
 
 std::size_t ChunkSize(const vesk::CacheShape& shape) {

@@ -3,29 +3,41 @@
 #ifndef PROGRAMS_CLI_WORLD_H_
 #define PROGRAMS_CLI_WORLD_H_
 
-#include <chrono>
+#include <atomic>
 #include <memory>
 #include <string>
 
 #include "files/file.h"
 #include "programs/cli/options.h"
-#include "runtime/backend_threads.h"
-#include "vesk/VeskBundler.h"
-#include "vesk/VeskEnv.h"
+#include "runtime/runtime.h"
+#include "runtime/signals.h"
 
 namespace vesk_cli {
 
-// One at a time: it sets gEnv.
 class World {
  public:
-  explicit World(const Options& options);
-  ~World();
-  World(const World&) = delete;
-  World& operator=(const World&) = delete;
+  //   Ends in  what VeskRuntime's constructor throws
+  World(const Options& options, vesk::Settings& settings);
 
-  vesk::VeskBackend& backend() { return backend_; }
-  vesk::VeskBundler& bundler() { return bundler_; }
+  vesk::VeskRuntime& runtime() { return *runtime_; }
+  vesk::Store& store() { return runtime_->store(); }
   const Options& options() const { return options_; }
+  vesk::CacheShape shape() const;
+
+  // For a request that begins now.
+  vesk::RequestLimits NewLimits() { return runtime_->NewLimits(&cancel_); }
+
+  // A copy is called off by SIGINT, SIGTERM and SIGHUP, so that it can clean up: the signal, 0: none.
+  // A second one ends the program at once. SIGHUP re-reads the configuration instead where there is
+  // one.
+  int interrupted_by() const { return interrupted_by_; }
+
+  // Lets a file go; a store that does not answer holds that up no longer than the setting
+  // shutdown-timeout.
+  void Leave(std::unique_ptr<vesk::File> file);
+
+  // Calls off every request that has NewLimits, for another reason than a signal.
+  void CallOff() { cancel_.Cancel(); }
 
   // Writes "vesk: cannot <what> '<name>': <reason>" to standard error; returns kExitFailed.
   static int Fail(const std::string& what, const std::string& name, const std::string& reason);
@@ -36,21 +48,24 @@ class World {
                   int error);
 
   // A regular file that can be read. 0, or the exit status after a message.
-  int CheckSource(const std::string& name, vesk::VeskBackend::FileInfo* info);
+  int CheckSource(const std::string& name, vesk::FileInfo* info);
 
   // Tells what happened, for someone who has never seen the cache: `verb` bytes, time, requests
   // answered from memory, jobs, waits. `reader` and `writer` may be null.
   void Report(const std::string& verb, std::uint64_t bytes, const vesk::File* reader,
-              const vesk::File* writer) const;
+              const vesk::File* writer);
 
  private:
+  void Signalled(int signal_number);
+  void ReloadSettings();
+
   const Options& options_;
-  const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
-  const std::unique_ptr<vesk::VeskLogger> logger_;
-  vesk::VeskSettings settings_;
-  vesk::VeskEnv env_;
-  vesk::ThreadsBackend backend_;
-  vesk::VeskBundler bundler_;
+  vesk::Settings& settings_;
+  vesk::CancelToken cancel_;
+  std::atomic<int> interrupted_by_{0};
+  std::unique_ptr<vesk::SignalWatcher> signals_;  // before all threads, which inherit its mask
+  std::unique_ptr<vesk::VeskRuntime> runtime_;
+  vesk::Clock::Time begin_;
 };
 
 // Bytes that a command moves at a time.

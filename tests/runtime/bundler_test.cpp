@@ -2,15 +2,21 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "runtime/dispatcher.h"
+#include "runtime/request.h"
 #include "tests/support/jobs.h"
+#include "tests/support/manual_clock.h"
 #include "tests/support/stub_backend.h"
 #include "vesk/VeskBundler.h"
 #include "vesk/VeskLock.h"
@@ -19,26 +25,43 @@
 namespace vesk_test {
 namespace {
 
+using vesk::CancelToken;
+using vesk::JobQueue;
+using vesk::RequestLimits;
+using vesk::RequestScope;
 using vesk::VeskBundler;
 using vesk::VeskJob;
 using vesk::VeskLock;
 
-// Records what it is asked; `on_start` and `on_run` say how jobs end.
+// Records what it is asked; `on_start` and `on_run` say how jobs end. What was started can be
+// withdrawn until the test ends it.
 class ScriptedBackend : public StubBackend {
  public:
-  void Start(VeskJob* job) override {
-    started.push_back(job);
-    if (on_start) on_start(job);
+  void Start(JobQueue& jobs) override {
+    batches.push_back(0);
+    while (!jobs.Empty()) {
+      VeskJob* const job = jobs.Pop();
+      ++batches.back();
+      started.push_back(job);
+      if (on_start) on_start(job);
+    }
   }
   void Run(VeskJob* job) override {
     run.push_back(job);
     on_run(job);
   }
+  bool Withdraw(VeskJob* job) override { return job == withdrawable; }
+  void CancelAll(int error) override {
+    if (on_cancel) on_cancel(error);
+  }
 
+  std::vector<int> batches;  // their sizes
   std::vector<VeskJob*> started;
   std::vector<VeskJob*> run;
+  VeskJob* withdrawable = nullptr;
   std::function<void(VeskJob*)> on_start;
-  std::function<void(VeskJob*)> on_run = [](VeskJob* job) { job->Complete(0); };
+  std::function<void(VeskJob*)> on_run = [this](VeskJob* job) { End(job, 0); };
+  std::function<void(int)> on_cancel;
 };
 
 class BundlerTest : public ::testing::Test {
@@ -47,10 +70,7 @@ class BundlerTest : public ::testing::Test {
     return std::make_unique<JobHolder>(NewRead("f", memory_, sizeof memory_, 0, &count_));
   }
 
-  static void ClaimAndEnd(VeskJob* job, int return_value) {
-    ASSERT_TRUE(job->Claim());
-    job->Complete(return_value);
-  }
+  void End(VeskJob* job, int return_value) { backend_.End(job, return_value); }
 
   // True when another thread can take the lock, within a bounded time; false leaves that thread to
   // take it later.
@@ -82,7 +102,7 @@ TEST_F(BundlerTest, StartsAJobAtOnceForAThreadWithoutALock) {
   bundler_.SubmitJob(job->get());
   ASSERT_EQ(backend_.started.size(), 1u);
   EXPECT_EQ(backend_.started[0], job->get());
-  ClaimAndEnd(job->get(), 0);
+  End(job->get(), 0);
 }
 
 TEST_F(BundlerTest, HoldsJobsBackUntilTheLockIsGivenUp) {
@@ -96,15 +116,15 @@ TEST_F(BundlerTest, HoldsJobsBackUntilTheLockIsGivenUp) {
     EXPECT_EQ(first->get()->GetJobState(), vesk::JOB_STATE_SUBMITTED);
   }
   EXPECT_EQ(backend_.started, (std::vector<VeskJob*>{first->get(), second->get()}));
-  ClaimAndEnd(first->get(), 0);
-  ClaimAndEnd(second->get(), 0);
+  End(first->get(), 0);
+  End(second->get(), 0);
 }
 
 TEST_F(BundlerTest, StartsJobsAfterTheLockIsFree) {
   bool free = false;
   backend_.on_start = [&](VeskJob* job) {
     free = LockIsFree();
-    ClaimAndEnd(job, 0);
+    End(job, 0);
   };
   const auto job = Read();
   {
@@ -123,7 +143,7 @@ TEST_F(BundlerTest, GivingUpOneOfTwoLocksStartsTheJobs) {
     bundler_.SubmitJob(job->get());
   }
   EXPECT_EQ(backend_.started.size(), 1u);
-  ClaimAndEnd(job->get(), 0);
+  End(job->get(), 0);
 
   const auto next = Read();  // the other lock is still held: plugged again
   bundler_.SubmitJob(next->get());
@@ -136,7 +156,7 @@ TEST_F(BundlerTest, AThreadsPlugDoesNotHoldBackAnotherThreadsJobs) {
   const std::lock_guard<VeskLock> guard(lock_);
   std::thread([&] { bundler_.SubmitJob(job->get()); }).join();
   EXPECT_EQ(backend_.started.size(), 1u);
-  ClaimAndEnd(job->get(), 0);
+  End(job->get(), 0);
 }
 
 TEST_F(BundlerTest, TheWaiterRunsAJobThatHasNotStartedWithTheLockGivenUp) {
@@ -146,7 +166,7 @@ TEST_F(BundlerTest, TheWaiterRunsAJobThatHasNotStartedWithTheLockGivenUp) {
   backend_.on_run = [&](VeskJob* ended) {
     free = LockIsFree();
     runner = std::this_thread::get_id();
-    ended->Complete(0);
+    End(ended, 0);
   };
   lock_.lock();
   bundler_.SubmitJob(job->get());
@@ -161,7 +181,7 @@ TEST_F(BundlerTest, TheWaiterRunsAJobThatHasNotStartedWithTheLockGivenUp) {
   EXPECT_TRUE(backend_.started.empty());
   lock_.unlock();
   EXPECT_EQ(backend_.started.size(), 1u);
-  ClaimAndEnd(next->get(), 0);
+  End(next->get(), 0);
 }
 
 TEST_F(BundlerTest, AWaitStartsTheRestOfThePlugBeforeItRunsItsOwnJob) {
@@ -169,7 +189,7 @@ TEST_F(BundlerTest, AWaitStartsTheRestOfThePlugBeforeItRunsItsOwnJob) {
   const auto ahead = Read();
   backend_.on_run = [&](VeskJob* job) {
     EXPECT_EQ(backend_.started, std::vector<VeskJob*>{ahead->get()});
-    job->Complete(0);
+    End(job, 0);
   };
   lock_.lock();
   bundler_.SubmitJob(awaited->get());
@@ -177,17 +197,16 @@ TEST_F(BundlerTest, AWaitStartsTheRestOfThePlugBeforeItRunsItsOwnJob) {
   bundler_.WaitForJob(awaited->get(), &lock_, "Read");
   lock_.unlock();
   EXPECT_EQ(backend_.run, std::vector<VeskJob*>{awaited->get()});
-  ClaimAndEnd(ahead->get(), 0);
+  End(ahead->get(), 0);
 }
 
 TEST_F(BundlerTest, WaitsForAJobThatAnotherThreadRuns) {
   const auto job = Read();
   bundler_.SubmitJob(job->get());
-  ASSERT_TRUE(job->get()->Claim());
   std::thread runner([&] {
     // Gets the lock only because the waiter has given it up.
     const std::lock_guard<VeskLock> guard(lock_);
-    job->get()->Complete(EIO);
+    End(job->get(), EIO);
   });
   lock_.lock();
   while (job->get()->GetJobState() != vesk::JOB_STATE_DONE) {
@@ -202,19 +221,18 @@ TEST_F(BundlerTest, WaitsForAJobThatAnotherThreadRuns) {
 TEST_F(BundlerTest, TwoThreadsMayWaitForOneJob) {
   const auto job = Read();
   bundler_.SubmitJob(job->get());
-  ASSERT_TRUE(job->get()->Claim());
   std::thread other([&] { bundler_.WaitForJob(job->get(), nullptr, "Read-io-active"); });
-  std::thread runner([&] { job->get()->Complete(0); });
+  std::thread runner([&] { End(job->get(), 0); });
   bundler_.WaitForJob(job->get(), nullptr, "Read-io-active");
   other.join();
   runner.join();
-  EXPECT_EQ(bundler_.GetStats().waits["Read-io-active"].count, 2u);
+  EXPECT_EQ(bundler_.dispatcher().GetStats().waits["Read-io-active"].count, 2u);
 }
 
 TEST_F(BundlerTest, AWaitForAFinishedJobReturns) {
   const auto job = Read();
   bundler_.SubmitJob(job->get());
-  ClaimAndEnd(job->get(), 0);
+  End(job->get(), 0);
   const std::lock_guard<VeskLock> guard(lock_);
   bundler_.WaitForJob(job->get(), &lock_, "Read");
 }
@@ -224,28 +242,184 @@ TEST_F(BundlerTest, KeepsAJobAliveUntilItsEndIsPublished) {
   bundler_.SubmitJob(job);
   EXPECT_EQ(job->GetRefCount(), 2);
   VeskJob::RefCountDec(job);  // the block's
-  ClaimAndEnd(job, 0);        // the address sanitizer tells when it was freed too early, or never
+  End(job, 0);        // the address sanitizer tells when it was freed too early, or never
 }
 
 // Between the unlock and the start of what was held back, another thread may wait for one of these
-// jobs, run it, and let it go.
-TEST_F(BundlerTest, PassesOverAJobThatAWaiterTookOutOfThePlug) {
+// jobs: it sleeps until the job has been started and has ended.
+TEST_F(BundlerTest, AWaiterMeetsAJobInAnotherThreadsPlug) {
   const auto first = Read();
-  VeskJob* const second = NewRead("f", memory_, sizeof memory_, 0, &count_);
+  const auto second = Read();
+  std::thread waiter;
   backend_.on_start = [&](VeskJob* job) {
-    std::thread([&] {
-      bundler_.WaitForJob(second, nullptr, "Read-io-active");
-      VeskJob::RefCountDec(second);  // reaped: the plug's reference is the last
-    }).join();
-    ClaimAndEnd(job, 0);
+    if (job == first->get()) {
+      waiter = std::thread([&] { bundler_.WaitForJob(second->get(), nullptr, "Read-io-active"); });
+    }
+    End(job, 0);
   };
   {
     const std::lock_guard<VeskLock> guard(lock_);
     bundler_.SubmitJob(first->get());
-    bundler_.SubmitJob(second);
+    bundler_.SubmitJob(second->get());
   }
-  EXPECT_EQ(backend_.started, std::vector<VeskJob*>{first->get()});
-  EXPECT_EQ(backend_.run, std::vector<VeskJob*>{second});
+  waiter.join();
+  EXPECT_EQ(backend_.started, (std::vector<VeskJob*>{first->get(), second->get()}));
+  EXPECT_TRUE(backend_.run.empty());
+}
+
+TEST_F(BundlerTest, WhatALockHeldBackStartsAsOneBatch) {
+  std::vector<std::unique_ptr<JobHolder>> jobs;
+  backend_.on_start = [this](VeskJob* job) { End(job, 0); };
+  {
+    const std::lock_guard<VeskLock> guard(lock_);
+    for (int i = 0; i < 16; ++i) {
+      jobs.push_back(Read());
+      bundler_.SubmitJob(jobs.back()->get());
+    }
+  }
+  EXPECT_EQ(backend_.batches, std::vector<int>{16});
+  EXPECT_EQ(bundler_.dispatcher().GetStats().batches, 1u);
+}
+
+TEST_F(BundlerTest, JobsOfTwoDispatchersUnderOneLockGoToTheirOwn) {
+  ScriptedBackend other_backend;
+  VeskBundler other(other_backend);
+  const auto mine = Read();
+  const auto others = Read();
+  {
+    const std::lock_guard<VeskLock> guard(lock_);
+    bundler_.SubmitJob(mine->get());
+    other.SubmitJob(others->get());
+  }
+  EXPECT_EQ(backend_.started, std::vector<VeskJob*>{mine->get()});
+  EXPECT_EQ(other_backend.started, std::vector<VeskJob*>{others->get()});
+  End(mine->get(), 0);
+  other_backend.End(others->get(), 0);
+}
+
+TEST_F(BundlerTest, TheWaiterRunsAJobThatTheBackendHasNotBegun) {
+  const auto job = Read();
+  bundler_.SubmitJob(job->get());
+  backend_.withdrawable = job->get();
+  bundler_.WaitForJob(job->get(), nullptr, "Read-io-active");
+  EXPECT_EQ(backend_.run, std::vector<VeskJob*>{job->get()});
+}
+
+class LimitedWaitTest : public BundlerTest {
+ protected:
+  // Waits under `limits` for a job that nobody has ended; the job must still be in flight then.
+  void WaitInVain(const RequestLimits& limits) {
+    const auto job = Read();
+    lock_.lock();
+    manual_.SubmitJob(job->get());
+    {
+      const RequestScope scope(limits);
+      manual_.WaitForJob(job->get(), &lock_, "Read");
+      exceeded_ = RequestScope::Exceeded(clock_);
+    }
+    EXPECT_NE(job->get()->GetJobState(), vesk::JOB_STATE_DONE);
+    EXPECT_TRUE(lock_backend_.run.empty()) << "run where nothing could call it back";
+    EXPECT_EQ(lock_backend_.started, std::vector<VeskJob*>{job->get()});
+    lock_.unlock();
+    const vesk::DispatcherStats::Waits waits =
+        manual_.dispatcher().GetStats().waits.at("Read");
+    EXPECT_EQ(waits.count, 1u);
+    EXPECT_EQ(waits.given_up, 1u);
+    lock_backend_.End(job->get(), 0);
+  }
+
+  ManualClock clock_;
+  ScriptedBackend lock_backend_;
+  VeskBundler manual_{lock_backend_, clock_};
+  int exceeded_ = 0;
+};
+
+TEST_F(LimitedWaitTest, ADeadlineEndsAWait) {
+  std::thread time([&] {
+    clock_.AwaitWaiters(1);
+    EXPECT_TRUE(LockIsFree());
+    clock_.Advance(std::chrono::seconds(3));
+  });
+  WaitInVain({clock_.Now() + std::chrono::seconds(3), nullptr});
+  EXPECT_EQ(exceeded_, ETIMEDOUT);
+  time.join();
+}
+
+TEST_F(LimitedWaitTest, ADeadlineThatHasComeEndsAWaitAtOnce) {
+  WaitInVain({clock_.Now(), nullptr});
+  EXPECT_EQ(exceeded_, ETIMEDOUT);
+}
+
+TEST_F(LimitedWaitTest, ACancelEndsAWait) {
+  CancelToken token;
+  std::thread other([&] {
+    clock_.AwaitWaiters(1);
+    token.Cancel();
+  });
+  WaitInVain({vesk::Clock::kNever, &token});
+  EXPECT_EQ(exceeded_, ECANCELED);
+  other.join();
+}
+
+TEST_F(LimitedWaitTest, ACancelBeforeTheWaitEndsItAtOnce) {
+  CancelToken token;
+  token.Cancel();
+  WaitInVain({vesk::Clock::kNever, &token});
+  EXPECT_EQ(exceeded_, ECANCELED);
+}
+
+TEST_F(LimitedWaitTest, OneCancelEndsTheWaitsOfManyThreads) {
+  CancelToken token;
+  std::vector<std::unique_ptr<JobHolder>> jobs;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 5; ++i) {
+    jobs.push_back(Read());
+    manual_.SubmitJob(jobs.back()->get());
+  }
+  for (const auto& job : jobs) {
+    threads.emplace_back([&] {
+      const RequestScope scope({vesk::Clock::kNever, &token});
+      manual_.WaitForJob(job->get(), nullptr, "Read");
+    });
+  }
+  clock_.AwaitWaiters(5);
+  lock_backend_.End(jobs[2]->get(), 0);  // one of them gets its job
+  token.Cancel();
+  for (std::thread& thread : threads) thread.join();
+  for (const int i : {0, 1, 3, 4}) {
+    lock_backend_.End(jobs[static_cast<std::size_t>(i)]->get(), 0);
+  }
+}
+
+TEST_F(LimitedWaitTest, AJobThatEndsInTimeEndsTheWaitWell) {
+  const auto job = Read();
+  lock_backend_.on_start = [&](VeskJob* started) { lock_backend_.End(started, 0); };
+  CancelToken token;
+  const RequestScope scope({clock_.Now() + std::chrono::seconds(3), &token});
+  manual_.SubmitJob(job->get());
+  manual_.WaitForJob(job->get(), nullptr, "Read");
+  EXPECT_EQ(job->get()->GetJobState(), vesk::JOB_STATE_DONE);
+  EXPECT_EQ(RequestScope::Exceeded(clock_), 0);
+  EXPECT_EQ(manual_.dispatcher().GetStats().waits.at("Read").given_up, 0u);
+}
+
+TEST_F(LimitedWaitTest, TheNearerDeadlineOfTwoScopesCountsAndTheTokenGivenLast) {
+  CancelToken outer_token;
+  CancelToken inner_token;
+  const vesk::Clock::Time near = clock_.Now() + std::chrono::seconds(1);
+  const vesk::Clock::Time far = clock_.Now() + std::chrono::seconds(9);
+  EXPECT_EQ(RequestScope::Current(), nullptr);
+  const RequestScope outer({near, &outer_token});
+  {
+    const RequestScope inner({far, &inner_token});
+    EXPECT_EQ(RequestScope::Current()->deadline, near);
+    EXPECT_EQ(RequestScope::Current()->cancel, &inner_token);
+  }
+  {
+    const RequestScope inner(RequestLimits{});
+    EXPECT_EQ(RequestScope::Current()->cancel, &outer_token);
+  }
+  EXPECT_EQ(RequestScope::Current()->deadline, near);
 }
 
 TEST_F(BundlerTest, TakesAReadOffItsStreamBeforeItsEndCanBeSeen) {
@@ -256,10 +430,14 @@ TEST_F(BundlerTest, TakesAReadOffItsStreamBeforeItsEndCanBeSeen) {
   bundler_.SubmitJob(job->get());
 
   pthread_mutex_lock(&stream.stream_mutex);
-  std::thread runner([&] { ClaimAndEnd(job->get(), 0); });
-  while (job->get()->GetJobState() != vesk::JOB_STATE_RUNNING) std::this_thread::yield();
+  std::atomic<bool> ending{false};
+  std::thread runner([&] {
+    ending = true;
+    End(job->get(), 0);
+  });
+  while (!ending) std::this_thread::yield();
   std::this_thread::sleep_for(std::chrono::milliseconds(20));  // time for a wrong order to show
-  EXPECT_EQ(job->get()->GetJobState(), vesk::JOB_STATE_RUNNING);
+  EXPECT_NE(job->get()->GetJobState(), vesk::JOB_STATE_DONE);
   EXPECT_EQ(stream.pending_io, 1u);
   pthread_mutex_unlock(&stream.stream_mutex);
   runner.join();
@@ -276,22 +454,125 @@ TEST_F(BundlerTest, CountsJobsByKindAndWaitsByTag) {
     bundler_.SubmitJob(job);
   }
   count_ = 7;
-  ClaimAndEnd(good->get(), 0);
-  ClaimAndEnd(at_end->get(), vesk::RC_EOF);
-  ClaimAndEnd(bad->get(), EIO);
-  backend_.on_run = [](VeskJob* job) { job->Complete(0); };
+  End(good->get(), 0);
+  End(at_end->get(), vesk::RC_EOF);
+  End(bad->get(), EIO);
+  backend_.withdrawable = write.get();
   bundler_.WaitForJob(write.get(), nullptr, "Flush");
 
-  const vesk::DispatcherStats stats = bundler_.GetStats();
-  EXPECT_EQ(stats.reads.jobs, 3u);
+  const vesk::DispatcherStats stats = bundler_.dispatcher().GetStats();
+  EXPECT_EQ(stats.reads.ended, 3u);
   EXPECT_EQ(stats.reads.bytes, 7u);
+  EXPECT_EQ(stats.reads.size.max, 7u);
   EXPECT_EQ(stats.reads.failed, 1u);
-  EXPECT_EQ(stats.writes.jobs, 1u);
+  EXPECT_EQ(stats.writes.ended, 1u);
   EXPECT_EQ(stats.writes.bytes, 10u);
   EXPECT_EQ(stats.writes.failed, 0u);
+  EXPECT_EQ(stats.depth, 0u);
+  EXPECT_EQ(stats.max_depth, 4u);
   ASSERT_EQ(stats.waits.size(), 1u);
   EXPECT_EQ(stats.waits.at("Flush").count, 1u);
-  EXPECT_GE(stats.waits.at("Flush").time.count(), 0);
+}
+
+TEST_F(LimitedWaitTest, LatencyIsFromSubmissionToEndAndWaitsAreTimed) {
+  const auto job = Read();
+  manual_.SubmitJob(job->get());
+  std::thread time([&] {
+    clock_.AwaitWaiters(1);
+    clock_.Advance(std::chrono::milliseconds(7));
+    lock_backend_.End(job->get(), 0);
+  });
+  const RequestScope scope({clock_.Now() + std::chrono::hours(1), nullptr});
+  manual_.WaitForJob(job->get(), nullptr, "Read");
+  time.join();
+  const vesk::DispatcherStats stats = manual_.dispatcher().GetStats();
+  EXPECT_EQ(stats.reads.latency.max, 7000000u);
+  EXPECT_EQ(stats.reads.latency.p50, 7000000u);
+  EXPECT_EQ(stats.waits.at("Read").nanoseconds, 7000000u);
+}
+
+TEST_F(BundlerTest, MoreTagsThanThereAreCountersShareTheLastOne) {
+  const auto job = Read();
+  bundler_.SubmitJob(job->get());
+  End(job->get(), 0);
+  for (int i = 0; i < 100; ++i) {
+    bundler_.WaitForJob(job->get(), nullptr, ("tag " + std::to_string(i)).c_str());
+  }
+  std::uint64_t waits = 0;
+  const vesk::DispatcherStats stats = bundler_.dispatcher().GetStats();
+  for (const auto& [tag, counted] : stats.waits) waits += counted.count;
+  EXPECT_EQ(waits, 100u);
+  EXPECT_EQ(stats.waits.size(), 32u);
+  EXPECT_EQ(stats.waits.at("(others)").count, 69u);
+}
+
+TEST_F(BundlerTest, TellsOfEachEndThatNoThreadIsSureToCollect) {
+  std::vector<std::string> told;
+  int state = 0;
+  VeskJob* looked_at = nullptr;
+  bundler_.dispatcher().OnEnd([&](const std::string& name) {
+    told.push_back(name);
+    state = looked_at->GetJobState();
+  });
+  const auto alone = Read();
+  const auto waited_for = Read();
+  looked_at = alone->get();
+  bundler_.SubmitJob(alone->get());
+  End(alone->get(), EIO);
+  EXPECT_EQ(told, std::vector<std::string>{"f"});
+  EXPECT_EQ(state, vesk::JOB_STATE_DONE) << "told before the end could be seen";
+
+  const std::lock_guard<VeskLock> guard(lock_);
+  bundler_.SubmitJob(waited_for->get());
+  bundler_.WaitForJob(waited_for->get(), &lock_, "Read");
+  EXPECT_EQ(told.size(), 1u) << "the waiter collects what it ran itself";
+}
+
+class ShutdownTest : public LimitedWaitTest {};
+
+TEST_F(ShutdownTest, WaitsForWhatIsInFlight) {
+  const auto job = Read();
+  manual_.SubmitJob(job->get());
+  std::thread other([&] {
+    clock_.AwaitWaiters(1);
+    lock_backend_.End(job->get(), 0);
+  });
+  EXPECT_TRUE(manual_.dispatcher().Shutdown(clock_.Now() + std::chrono::seconds(1), vesk::Clock::kNever));
+  EXPECT_EQ(job->get()->GetReturnValue(), 0);
+  other.join();
+}
+
+TEST_F(ShutdownTest, NoJobStartsAfterIt) {
+  EXPECT_TRUE(manual_.dispatcher().Shutdown(clock_.Now(), clock_.Now()));
+  const auto alone = Read();
+  manual_.SubmitJob(alone->get());
+  EXPECT_EQ(alone->get()->GetReturnValue(), ESHUTDOWN);
+
+  const auto held_back = Read();
+  lock_.lock();
+  manual_.SubmitJob(held_back->get());
+  EXPECT_NE(held_back->get()->GetJobState(), vesk::JOB_STATE_DONE) << "seen too early";
+  manual_.WaitForJob(held_back->get(), &lock_, "Read");
+  lock_.unlock();
+  EXPECT_EQ(held_back->get()->GetReturnValue(), ESHUTDOWN);
+  EXPECT_TRUE(lock_backend_.started.empty());
+  EXPECT_TRUE(lock_backend_.run.empty());
+}
+
+TEST_F(ShutdownTest, WhatCannotFinishEndsWithAClearCode) {
+  const auto job = Read();
+  manual_.SubmitJob(job->get());
+  lock_backend_.on_cancel = [&](int error) { lock_backend_.End(job->get(), error); };
+  EXPECT_TRUE(manual_.dispatcher().Shutdown(clock_.Now(), clock_.Now()));
+  EXPECT_EQ(job->get()->GetReturnValue(), ESHUTDOWN);
+}
+
+TEST_F(ShutdownTest, SaysWhenJobsAreStuckInsideTheStore) {
+  const auto job = Read();
+  manual_.SubmitJob(job->get());
+  EXPECT_FALSE(manual_.dispatcher().Shutdown(clock_.Now(), clock_.Now()));
+  lock_backend_.End(job->get(), 0);
+  EXPECT_TRUE(manual_.dispatcher().Shutdown(clock_.Now(), clock_.Now()));
 }
 
 TEST_F(BundlerTest, ItsEndWaitsForJobsInFlight) {
@@ -300,7 +581,7 @@ TEST_F(BundlerTest, ItsEndWaitsForJobsInFlight) {
   bundler->SubmitJob(job->get());
   std::thread runner([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ClaimAndEnd(job->get(), 0);
+    End(job->get(), 0);
   });
   bundler.reset();
   EXPECT_EQ(job->get()->GetJobState(), vesk::JOB_STATE_DONE);
@@ -308,7 +589,7 @@ TEST_F(BundlerTest, ItsEndWaitsForJobsInFlight) {
 }
 
 TEST_F(BundlerTest, ItsEndStartsWhatThisThreadStillHeldBack) {
-  backend_.on_start = [](VeskJob* job) { ClaimAndEnd(job, 0); };
+  backend_.on_start = [this](VeskJob* job) { End(job, 0); };
   auto bundler = std::make_unique<VeskBundler>(backend_);
   const auto job = Read();
   const std::lock_guard<VeskLock> guard(lock_);

@@ -3,16 +3,21 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <thread>
 #include <variant>
 #include <vector>
 
+#include "runtime/job_queue.h"
 #include "runtime/transfer.h"
 #include "tests/support/jobs.h"
+#include "tests/support/manual_clock.h"
 
 namespace vesk_test {
 namespace {
 
+using vesk::JobQueue;
 using vesk::VeskJob;
 using vesk::VeskOP;
 
@@ -77,13 +82,6 @@ TEST(JobTest, IsFreedWithItsLastReference) {
   VeskJob::RefCountDec(job);  // the address sanitizer tells a leak or a second free
 }
 
-TEST(JobTest, CannotBeClaimedBeforeItIsSubmitted) {
-  unsigned int count = 0;
-  const JobHolder job(NewRead("f", nullptr, 0, 0, &count));
-  EXPECT_EQ(job->GetJobState(), vesk::JOB_STATE_NEW);
-  EXPECT_FALSE(job->Claim());
-}
-
 TEST(JobTest, AWaitForAFinishedJobReturnsAtOnce) {
   unsigned int count = 0;
   const JobHolder job(NewRead("f", nullptr, 0, 0, &count));
@@ -107,6 +105,42 @@ TEST(JobTest, WakesEveryWaiter) {
   job->Publish(vesk::RC_EOF);
   for (std::thread& waiter : waiters) waiter.join();
   EXPECT_EQ(woken, 4);
+}
+
+TEST(JobTest, AWaitEndsAtItsDeadlineByTheClock) {
+  unsigned int count = 0;
+  const JobHolder job(NewRead("f", nullptr, 0, 0, &count));
+  ManualClock clock;
+  EXPECT_FALSE(job->WaitUntilDone(clock, clock.Now(), nullptr)) << "it had come before the wait";
+
+  std::thread waiter([&] {
+    EXPECT_FALSE(job->WaitUntilDone(clock, clock.Now() + std::chrono::seconds(5), nullptr));
+  });
+  clock.AwaitWaiters(1);
+  clock.Advance(std::chrono::seconds(5));
+  waiter.join();
+}
+
+TEST(JobQueueTest, KeepsOrderAndLetsAnyJobGo) {
+  unsigned int count = 0;
+  std::vector<std::unique_ptr<JobHolder>> jobs;
+  JobQueue queue;
+  for (int i = 0; i < 5; ++i) {
+    jobs.push_back(std::make_unique<JobHolder>(NewRead("f", nullptr, 0, 0, &count)));
+    EXPECT_FALSE(queue.Holds(jobs.back()->get()));
+    queue.Push(jobs.back()->get());
+    EXPECT_TRUE(queue.Holds(jobs.back()->get()));
+  }
+  for (const int i : {2, 0, 4}) {  // from the middle, the front, the back
+    queue.Remove(jobs[static_cast<std::size_t>(i)]->get());
+    EXPECT_FALSE(queue.Holds(jobs[static_cast<std::size_t>(i)]->get()));
+  }
+  JobQueue other;
+  other.Take(queue);
+  EXPECT_TRUE(queue.Empty());
+  EXPECT_EQ(other.Pop(), jobs[1]->get());
+  EXPECT_EQ(other.Pop(), jobs[3]->get());
+  EXPECT_TRUE(other.Empty());
 }
 
 }  // namespace

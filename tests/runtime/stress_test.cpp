@@ -1,3 +1,5 @@
+// Many threads over many streams, and stores that end jobs at once, late, in any order, or never.
+//
 // The engine takes a synchronous read that has already ended when it looks for a broken promise.
 // The dispatcher keeps it: shown here with a backend that ends jobs at once, on another core.
 
@@ -5,7 +7,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -13,9 +16,13 @@
 #include <vector>
 
 #include "runtime/backend_threads.h"
+#include "runtime/dispatcher.h"
 #include "runtime/job_queue.h"
-#include "runtime/log_null.h"
+#include "runtime/random.h"
+#include "runtime/reaper.h"
+#include "runtime/request.h"
 #include "runtime/transfer.h"
+#include "tests/support/null_logger.h"
 #include "tests/support/stub_backend.h"
 #include "vesk/VeskBundler.h"
 #include "vesk/VeskEnv.h"
@@ -23,6 +30,7 @@
 #include "vesk/VeskJob.h"
 #include "vesk/VeskLock.h"
 #include "vesk/VeskStream.h"
+#include "vesk/VeskThreadPool.h"
 
 namespace vesk_test {
 namespace {
@@ -36,22 +44,25 @@ unsigned char FileByte(unsigned long offset) {
   return static_cast<unsigned char>(offset * 7 + offset / 4096);
 }
 
-void FillAndEnd(VeskJob* job) {
+void Fill(VeskJob* job) {
   const vesk::Transfer transfer(job->GetOP());
+  if (transfer.is_write) return;
   for (std::size_t i = 0; i < transfer.length; ++i) {
     transfer.data[i] = FileByte(transfer.offset + i);
   }
   transfer.StoreCount(transfer.length);
-  job->Complete(0);
 }
 
 // Ends every job inside Start.
 class ImmediateBackend : public StubBackend {
  public:
-  void Start(VeskJob* job) override {
-    if (job->Claim()) FillAndEnd(job);
+  void Start(vesk::JobQueue& jobs) override {
+    while (!jobs.Empty()) {
+      VeskJob* const job = jobs.Pop();
+      Fill(job);
+      End(job, 0);
+    }
   }
-  void Run(VeskJob* job) override { FillAndEnd(job); }
 };
 
 // A thread that never sleeps ends each job as soon as it sees it.
@@ -62,34 +73,114 @@ class SpinningBackend : public StubBackend {
     ending_ = true;
     thread_.join();
   }
-  void Start(VeskJob* job) override {
-    job->RefCountInc();
-    const std::lock_guard<std::mutex> guard(mutex_);
-    queue_.Push(job);
+  void Start(vesk::JobQueue& jobs) override {
+    const vesk::MutexLock guard(mutex_);
+    queue_.Take(jobs);
   }
-  void Run(VeskJob* job) override { FillAndEnd(job); }
 
  private:
   void Spin() {
     while (!ending_) {
       VeskJob* job = nullptr;
       {
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const vesk::MutexLock guard(mutex_);
         if (!queue_.Empty()) job = queue_.Pop();
       }
       if (job == nullptr) {
         std::this_thread::yield();
         continue;
       }
-      if (job->Claim()) FillAndEnd(job);
-      VeskJob::RefCountDec(job);
+      Fill(job);
+      End(job, 0);
     }
   }
 
   std::atomic<bool> ending_{false};
-  std::mutex mutex_;
-  vesk::JobQueue queue_;
+  vesk::Mutex mutex_;
+  vesk::JobQueue queue_ VESK_GUARDED_BY(mutex_);
   std::thread thread_;
+};
+
+// Two threads end jobs in any order, some of them late.
+class ShuffledBackend : public StubBackend {
+ public:
+  ShuffledBackend() {
+    for (unsigned int seed : {1u, 2u}) threads_.emplace_back([this, seed] { EndJobs(seed); });
+  }
+  ~ShuffledBackend() override {
+    {
+      const vesk::MutexLock guard(mutex_);
+      ending_ = true;
+    }
+    changed_.WakeAll();
+    for (std::thread& thread : threads_) thread.join();
+  }
+  void Start(vesk::JobQueue& jobs) override {
+    const vesk::MutexLock guard(mutex_);
+    // Left out at random: those are ended after younger ones.
+    while (!jobs.Empty()) (random_.Next() % 3 == 0 ? late_ : soon_).Push(jobs.Pop());
+    changed_.WakeOne();
+  }
+
+ private:
+  void EndJobs(unsigned int seed) {
+    vesk::Random random(seed);
+    vesk::MutexLock guard(mutex_);
+    for (;;) {
+      while (!ending_ && soon_.Empty() && late_.Empty()) changed_.Wait(mutex_);
+      if (soon_.Empty() && late_.Empty()) return;
+      VeskJob* const job = soon_.Empty() ? late_.Pop() : soon_.Pop();
+      guard.Unlock();
+      for (std::uint64_t i = random.Next() % 4; i > 0; --i) std::this_thread::yield();
+      Fill(job);
+      End(job, 0);
+      guard.Lock();
+    }
+  }
+
+  vesk::Mutex mutex_;
+  vesk::Condition changed_;
+  vesk::Random random_ VESK_GUARDED_BY(mutex_){3};
+  vesk::JobQueue soon_ VESK_GUARDED_BY(mutex_);
+  vesk::JobQueue late_ VESK_GUARDED_BY(mutex_);
+  bool ending_ VESK_GUARDED_BY(mutex_) = false;
+  std::vector<std::thread> threads_;
+};
+
+// Every third job never ends by itself.
+class ForgetfulBackend : public StubBackend {
+ public:
+  void Start(vesk::JobQueue& jobs) override {
+    vesk::JobQueue ended;
+    int cancelled = 0;
+    {
+      const vesk::MutexLock guard(mutex_);
+      cancelled = cancelled_;
+      while (!jobs.Empty()) {
+        (cancelled == 0 && ++started_ % 3 == 0 ? forgotten_ : ended).Push(jobs.Pop());
+      }
+    }
+    while (!ended.Empty()) {
+      VeskJob* const job = ended.Pop();
+      if (cancelled == 0) Fill(job);
+      End(job, cancelled);
+    }
+  }
+  void CancelAll(int error) override {
+    vesk::JobQueue forgotten;
+    {
+      const vesk::MutexLock guard(mutex_);
+      cancelled_ = error;
+      forgotten.Take(forgotten_);
+    }
+    while (!forgotten.Empty()) End(forgotten.Pop(), error);
+  }
+
+ private:
+  vesk::Mutex mutex_;
+  vesk::JobQueue forgotten_ VESK_GUARDED_BY(mutex_);
+  int started_ VESK_GUARDED_BY(mutex_) = 0;
+  int cancelled_ VESK_GUARDED_BY(mutex_) = 0;
 };
 
 class StressTest : public ::testing::Test {
@@ -161,8 +252,8 @@ class StressTest : public ::testing::Test {
     }
   }
 
-  static std::uint64_t Misses(const vesk::VeskBundler& bundler) {
-    const vesk::DispatcherStats stats = bundler.GetStats();
+  static std::uint64_t Misses(vesk::VeskBundler& bundler) {
+    const vesk::DispatcherStats stats = bundler.dispatcher().GetStats();
     const auto waits = stats.waits.find("Read");  // the wait of a synchronous read, and only that
     return waits == stats.waits.end() ? 0 : waits->second.count;
   }
@@ -181,7 +272,7 @@ class StressTest : public ::testing::Test {
     for (unsigned int t = 0; t < kThreads; ++t) {
       threads.emplace_back([&, t] {
         unsigned int random = t + 1;
-        while (Misses(bundler) < misses) {
+        for (unsigned int i = 0; i % 256 != 0 || Misses(bundler) < misses; ++i) {
           random = random * 1103515245 + 12345;
           SharedFile& file = *files[(random >> 8) % kFiles];
           const unsigned long offset = (random >> 12) % kBlocks * kBlock;
@@ -203,7 +294,7 @@ class StressTest : public ::testing::Test {
     return failures;
   }
 
-  vesk::NullLogger logger_;
+  NullLogger logger_;
   vesk::VeskSettings settings_;
   vesk::VeskEnv env_{nullptr, &logger_, &settings_};
 };
@@ -255,6 +346,186 @@ TEST_F(StressTest, ThreadsOverAFileInMemoryNeverMeetTheEngine) {
     EXPECT_GE(Misses(bundler), kMisses);
   }
   unlink(name);
+}
+
+// Streams of a server that comes and goes: read with blocks ahead, written, split while jobs are in
+// flight, collected by the reaper at any moment, flushed and deleted right after.
+class ManyStreamsTest : public StressTest {
+ protected:
+  static constexpr int kThreads = 6;
+  static constexpr int kLives = 150;  // of streams, for each thread
+
+  // One file in two streams, after a split.
+  struct SplitFile : vesk::CachedFile {
+    SplitFile(const std::string& name, vesk::VeskBundler* bundler)
+        : low(name, bundler, 0, 0, 0), high(name, bundler, 0, 0, 0) {}
+    void Reap() override {
+      const vesk::Holding<VeskLock> guard(lock);
+      for (VeskStream* stream : {&low, &high}) {
+        for (VeskBuffer* block : stream->buffers) {
+          if (block->job == nullptr) continue;
+          block->WaitForBuffer(&lock, stream->bundler, stream->name, false, "Reap");
+          ++reaped;
+        }
+      }
+    }
+    void WriteFails(const vesk::WriteFailure& /*failure*/) override {}
+
+    VeskLock lock;
+    VeskStream low;
+    VeskStream high;
+    int reaped = 0;  // under the lock
+  };
+
+  // Repeats `request` as a caller does.
+  template <typename Request>
+  static void Serve(Request request) {
+    for (;;) {
+      try {
+        request();
+        return;
+      } catch (const vesk::VeskException& failure) {
+        ASSERT_EQ(failure.code, vesk::ERR_WAIT);
+      }
+    }
+  }
+
+  static void ReadBlock(SplitFile& file, VeskStream& stream, unsigned long at, unsigned int ahead) {
+    unsigned char bytes[kBlock];
+    unsigned int count = 0;
+    Serve([&] {
+      bool eof = false;
+      count = stream.Read(&file.lock, bytes, at, kBlock, &eof, kBlock * kBlocks, 0, kBlock, 16,
+                          ahead, nullptr);
+    });
+    for (unsigned int i = 0; i < count; ++i) ASSERT_EQ(bytes[i], FileByte(at + i));
+  }
+
+  static void WriteBlock(SplitFile& file, VeskStream& stream, unsigned long at) {
+    unsigned char bytes[kBlock];
+    for (unsigned int i = 0; i < kBlock; ++i) bytes[i] = FileByte(at + i);
+    Serve([&] {
+      stream.Write(&file.lock, bytes, at, kBlock, kBlock * kBlocks, 0, kBlock, 16, false, nullptr);
+    });
+  }
+
+  // One stream's life; true when it was split with a read in flight in the upper part.
+  static bool Live(SplitFile& file, vesk::Reaper& reaper, unsigned int random) {
+    reaper.Add(file.low.name, file);
+    bool split_in_flight = false;
+    {
+      const vesk::Holding<VeskLock> guard(file.lock);
+      ReadBlock(file, file.low, 0, 2);
+      ReadBlock(file, file.low, kBlock, 2 + random % 6);  // leaves blocks in flight
+      const unsigned long middle = 2 * kBlock + random % 3 * kBlock;
+      if (middle < file.low.curr_off + static_cast<unsigned long>(file.low.curr_len) &&
+          file.low.Split(&file.lock, &file.high, middle) != 0) {
+        for (const VeskBuffer* block : file.high.buffers) {
+          split_in_flight |= block->GetState(VeskBuffer::IOR) != 0;
+        }
+        if (random % 2 == 0) ReadBlock(file, file.high, file.high.curr_off, 0);
+        if (random % 3 == 0) WriteBlock(file, file.high, file.high.curr_off);
+      }
+      WriteBlock(file, file.low, 0);
+    }
+    reaper.Remove(file);
+    const vesk::Holding<VeskLock> guard(file.lock);
+    for (VeskStream* stream : {&file.low, &file.high}) {
+      Serve([&] { stream->Flush(&file.lock, true, false, false, false); });
+    }
+    EXPECT_EQ(file.low.pending_io, 0u);
+    EXPECT_EQ(file.high.pending_io, 0u);
+    return split_in_flight;
+  }
+
+  // How many lives had a read in flight across the split.
+  int LiveInParallel(vesk::VeskBackend& backend) {
+    vesk::VeskBundler bundler(backend);
+    vesk::VeskThreadPool pool;
+    env_.thread_pool = &pool;
+    vesk::Reaper reaper(pool, 2);
+    bundler.dispatcher().OnEnd([&](const std::string& name) { reaper.JobEnded(name); });
+    std::atomic<int> split_in_flight{0};
+    std::vector<std::thread> threads;
+    for (unsigned int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        vesk::Random random(t);
+        for (int i = 0; i < kLives; ++i) {
+          // A few names: the reaper meets files of one name that come and go.
+          SplitFile file("f" + std::to_string(t % 3), &bundler);
+          if (Live(file, reaper, static_cast<unsigned int>(random.Next() % 1000))) {
+            ++split_in_flight;
+          }
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_TRUE(bundler.dispatcher().Shutdown(vesk::Clock::kNever, vesk::Clock::kNever));
+    EXPECT_EQ(bundler.dispatcher().GetStats().depth, 0u);
+    env_.thread_pool = nullptr;
+    return split_in_flight;
+  }
+};
+
+TEST_F(ManyStreamsTest, WithABackendThatEndsJobsAtOnce) {
+  ImmediateBackend backend;
+  LiveInParallel(backend);
+}
+
+TEST_F(ManyStreamsTest, WithABackendThatEndsJobsOnAnotherCore) {
+  SpinningBackend backend;
+  LiveInParallel(backend);
+}
+
+TEST_F(ManyStreamsTest, WithABackendThatEndsJobsLateAndInAnyOrder) {
+  ShuffledBackend backend;
+  EXPECT_GT(LiveInParallel(backend), 0) << "no split met a read in flight: this proves less";
+}
+
+TEST_F(ManyStreamsTest, WithABackendThatNeverEndsSomeJobsRequestsEndInTime) {
+  ForgetfulBackend backend;
+  vesk::VeskBundler bundler(backend);
+  std::vector<std::unique_ptr<SharedFile>> files;
+  for (int i = 0; i < 3; ++i) files.push_back(std::make_unique<SharedFile>("f", &bundler));
+  std::atomic<int> given_up{0};
+  std::vector<std::thread> threads;
+  for (unsigned int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (unsigned int i = 0; i < 20; ++i) {
+        SharedFile& file = *files[(t + i) % files.size()];
+        const vesk::RequestScope scope(
+            {vesk::Clock::System().Now() + std::chrono::milliseconds(2), nullptr});
+        unsigned char bytes[kBlock];
+        const vesk::Holding<VeskLock> guard(file.lock);
+        while (vesk::RequestScope::Exceeded(vesk::Clock::System()) == 0) {
+          try {
+            bool eof = false;
+            file.stream.Read(&file.lock, bytes, i * kBlock, kBlock, &eof, kBlock * kBlocks, 0,
+                             kBlock, 32, 2, nullptr);
+            break;
+          } catch (const vesk::VeskException& wait) {
+            ASSERT_EQ(wait.code, vesk::ERR_WAIT);
+          }
+        }
+        if (vesk::RequestScope::Exceeded(vesk::Clock::System()) != 0) ++given_up;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_GT(given_up, 0);
+  const vesk::Clock::Time now = vesk::Clock::System().Now();
+  EXPECT_TRUE(bundler.dispatcher().Shutdown(now, now + std::chrono::seconds(20)));
+  for (const auto& file : files) EXPECT_EQ(file->stream.pending_io, 0u);
+  for (const auto& file : files) {
+    const vesk::Holding<VeskLock> guard(file->lock);
+    for (VeskBuffer* block : file->stream.buffers) {
+      try {
+        block->WaitForBuffer(&file->lock, &bundler, file->stream.name, false, "end");
+      } catch (const vesk::VeskException& failure) {
+        EXPECT_EQ(failure.code, ESHUTDOWN);
+      }
+    }
+  }
 }
 
 }  // namespace

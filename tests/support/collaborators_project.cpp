@@ -8,7 +8,9 @@
 // the operations that dispatcher.cpp defines.
 namespace vesk {
 
-VeskBundler::VeskBundler(VeskBackend& backend) : backend_(backend) { (void)backend_; }
+class Dispatcher {};
+
+VeskBundler::VeskBundler(VeskBackend& /*backend*/) {}
 VeskBundler::~VeskBundler() = default;
 
 }  // namespace vesk

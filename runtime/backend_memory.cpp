@@ -1,0 +1,397 @@
+#include "runtime/backend_memory.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "vesk/VeskJob.h"
+
+namespace vesk {
+
+namespace {
+
+// As off_t has it.
+constexpr auto kLargestFile = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+
+constexpr std::uint64_t kLoadBytes = 1024 * 1024;  // read from the store behind at a time
+
+VeskJob* NewRead(std::string name, unsigned char* data, std::uint64_t length, std::uint64_t offset,
+                 unsigned int* count) {
+  auto op = std::make_unique<VeskOP>(OPCODE_READ, 0);
+  op->AddString(name);
+  op->AddPtr(data);
+  op->AddInt(static_cast<int>(length));
+  op->AddULong(offset);
+  op->AddPtr(count);
+  auto* const job = new VeskJob(JOB_TYPE_IO, op.get());
+  (void)op.release();  // the job's
+  return job;
+}
+
+VeskJob* NewWrite(std::string name, unsigned char* data, std::uint64_t length,
+                  std::uint64_t offset) {
+  auto op = std::make_unique<VeskOP>(OPCODE_WRITE, 0);
+  op->AddString(name);
+  op->AddPtr(data);
+  op->AddULong(length);
+  op->AddULong(offset);
+  op->AddInt(1);
+  auto* const job = new VeskJob(JOB_TYPE_IO, op.get());
+  (void)op.release();  // the job's
+  return job;
+}
+
+}  // namespace
+
+MemoryBackend::MemoryBackend(VeskBackend* behind) : behind_(behind) {
+  if (behind_ != nullptr) behind_->ReportEndsTo(*this);
+}
+
+void MemoryBackend::Start(JobQueue& jobs) {
+  while (!jobs.Empty()) {
+    VeskJob* const job = jobs.Pop();
+    End(job, Perform(*job));
+  }
+}
+
+// Without the mutex, which a job that waits for the store behind holds.
+void MemoryBackend::CancelAll(int error) {
+  cancelled_.store(error, std::memory_order_release);
+  if (behind_ != nullptr) behind_->CancelAll(error);
+}
+
+int MemoryBackend::Perform(const VeskJob& job) {
+  const MutexLock guard(mutex_);
+  if (const int error = cancelled_.load(std::memory_order_acquire)) return error;
+  try {
+    if (job.GetType() == JOB_TYPE_IO) return PerformTransfer(Transfer(job.GetOP()));
+    return PerformOnName(NameOperation(job.GetOP()));
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
+}
+
+// ---- jobs ----
+
+int MemoryBackend::PerformTransfer(const Transfer& transfer) {
+  FilePointer file;
+  if (const int error = Get(transfer.name, &file)) return error;
+  if (!transfer.is_write) {
+    Read(*file, transfer);
+    return 0;
+  }
+  if (transfer.length == 0) return 0;
+  if (transfer.offset > kLargestFile || transfer.length > kLargestFile - transfer.offset) {
+    return EFBIG;
+  }
+  file->changed = true;
+  Write(*file, transfer.data, transfer.length, transfer.offset, true);
+  return 0;
+}
+
+int MemoryBackend::PerformOnName(const NameOperation& operation) {
+  switch (operation.code) {
+    case OPCODE_STAT: return Stat(operation);
+    case OPCODE_OPEN: return Open(operation);
+    case OPCODE_CREATE: return Create(operation);
+    case OPCODE_TRUNCATE: return Truncate(operation);
+    case OPCODE_NEXT_DATA: return NextData(operation);
+    case OPCODE_SYNC: return Sync(operation);
+    case OPCODE_RENAME: return Rename(operation);
+    case OPCODE_REMOVE: return Remove(operation);
+    default: return ENOTSUP;
+  }
+}
+
+int MemoryBackend::Stat(const NameOperation& operation) {
+  FilePointer file = Known(operation.name);
+  FileInfo info;
+  if (file == nullptr) {
+    if (behind_ == nullptr) return ENOENT;
+    if (const int error = StatBehind(operation.name, &info)) return error;
+    file = KnownAs(info);
+  }
+  operation.ResultAs<FileInfo>() = file == nullptr ? info : file->info;
+  return 0;
+}
+
+int MemoryBackend::Open(const NameOperation& operation) {
+  if (behind_ != nullptr) return NameBehind(OPCODE_OPEN, operation.name, operation.number);
+  return Known(operation.name) == nullptr ? ENOENT : 0;
+}
+
+int MemoryBackend::Create(const NameOperation& operation) {
+  // What it is taken in as when it is first used.
+  if (behind_ != nullptr) return NameBehind(OPCODE_CREATE, operation.name, operation.number);
+  const auto [place, is_new] = files_.emplace(operation.name, nullptr);
+  if (!is_new) return EEXIST;
+  try {
+    place->second = std::make_shared<File>();
+  } catch (const std::bad_alloc&) {
+    files_.erase(place);
+    throw;
+  }
+  place->second->info.mode = S_IFREG | (static_cast<mode_t>(operation.number) & 07777);
+  place->second->info.inode = ++inodes_;
+  return 0;
+}
+
+int MemoryBackend::Truncate(const NameOperation& operation) {
+  FilePointer file;
+  if (const int error = Get(operation.name, &file)) return error;
+  if (operation.number > kLargestFile) return EFBIG;
+  Resize(*file, operation.number);
+  return 0;
+}
+
+int MemoryBackend::NextData(const NameOperation& operation) {
+  FilePointer file;
+  if (const int error = Get(operation.name, &file)) return error;
+  operation.ResultAs<Extent>() = FindData(*file, operation.number);
+  return 0;
+}
+
+int MemoryBackend::Sync(const NameOperation& operation) {
+  const FilePointer file = Known(operation.name);
+  if (behind_ == nullptr) return file == nullptr ? ENOENT : 0;
+  if (file == nullptr) return NameBehind(OPCODE_SYNC, operation.name);
+  return WriteBack(operation.name, *file);
+}
+
+int MemoryBackend::Rename(const NameOperation& operation) {
+  const FilePointer file = Known(operation.name);
+  std::string to = operation.other;  // copied now: nothing may fail once it is done behind
+  if (behind_ == nullptr) {
+    if (file == nullptr) return ENOENT;
+  } else {
+    if (file != nullptr && file->changed) {
+      if (const int error = WriteBack(operation.name, *file)) return error;
+    }
+    if (const int error = ForgetOtherNames(to)) return error;
+    if (const int error = Behind(NewNameJob(OPCODE_RENAME, operation.name, to))) return error;
+  }
+  if (operation.name == to) return 0;
+  files_.erase(to);
+  auto entry = files_.extract(operation.name);
+  if (entry.empty()) return 0;
+  entry.key() = std::move(to);
+  files_.insert(std::move(entry));
+  return 0;
+}
+
+int MemoryBackend::Remove(const NameOperation& operation) {
+  if (behind_ == nullptr) return files_.erase(operation.name) == 0 ? ENOENT : 0;
+  if (const int error = ForgetOtherNames(operation.name)) return error;
+  const int error = NameBehind(OPCODE_REMOVE, operation.name);
+  if (error == 0) files_.erase(operation.name);
+  return error;
+}
+
+// ---- bytes ----
+
+void MemoryBackend::Read(const File& file, const Transfer& transfer) {
+  const std::uint64_t size = file.info.size;
+  const std::uint64_t wanted =
+      transfer.offset >= size ? 0
+                              : std::min<std::uint64_t>(transfer.length, size - transfer.offset);
+  for (std::uint64_t done = 0; done < wanted;) {
+    const std::uint64_t at = transfer.offset + done;
+    const std::uint64_t within = at % kChunkBytes;
+    const std::uint64_t count = std::min(wanted - done, kChunkBytes - within);
+    const auto place = file.chunks.find(at / kChunkBytes);
+    if (place == file.chunks.end()) {
+      std::memset(transfer.data + done, 0, count);
+    } else {
+      std::memcpy(transfer.data + done, place->second->bytes.data() + within, count);
+    }
+    done += count;
+  }
+  transfer.StoreCount(wanted);
+}
+
+// Where memory ends, the file ends behind what was written so far.
+void MemoryBackend::Write(File& file, const unsigned char* data, std::uint64_t length,
+                          std::uint64_t offset, bool changed) {
+  for (std::uint64_t done = 0; done < length;) {
+    const std::uint64_t at = offset + done;
+    const std::uint64_t within = at % kChunkBytes;
+    const std::uint64_t count = std::min(length - done, kChunkBytes - within);
+    auto place = file.chunks.find(at / kChunkBytes);
+    if (place == file.chunks.end()) {
+      place = file.chunks.emplace(at / kChunkBytes, std::make_unique<Chunk>()).first;
+    }
+    Chunk& chunk = *place->second;
+    std::memcpy(chunk.bytes.data() + within, data + done, count);
+    chunk.changed = chunk.changed || changed;
+    done += count;
+    file.info.size = std::max(file.info.size, offset + done);
+  }
+}
+
+void MemoryBackend::Resize(File& file, std::uint64_t size) {
+  file.changed = true;
+  file.cut = std::min(file.cut, size);
+  file.info.size = size;
+  const std::uint64_t within = size % kChunkBytes;
+  auto beyond = file.chunks.lower_bound(size / kChunkBytes);
+  if (beyond != file.chunks.end() && beyond->first == size / kChunkBytes && within != 0) {
+    auto& bytes = beyond->second->bytes;
+    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(within), bytes.end(), '\0');
+    ++beyond;
+  }
+  file.chunks.erase(beyond, file.chunks.end());
+}
+
+Extent MemoryBackend::FindData(const File& file, std::uint64_t offset) {
+  const std::uint64_t size = file.info.size;
+  if (offset >= size) return {size, size};
+  auto place = file.chunks.lower_bound(offset / kChunkBytes);
+  if (place == file.chunks.end()) return {size, size};
+  const std::uint64_t begin = std::max(offset, place->first * kChunkBytes);
+  std::uint64_t next = place->first;
+  for (; place != file.chunks.end() && place->first == next; ++place) ++next;
+  return {begin, std::min(next * kChunkBytes, size)};
+}
+
+// ---- files ----
+
+MemoryBackend::FilePointer MemoryBackend::Known(const std::string& name) {
+  const auto place = files_.find(name);
+  return place == files_.end() ? nullptr : place->second;
+}
+
+// The file under another name: a link, or a path that is spelled differently.
+MemoryBackend::FilePointer MemoryBackend::KnownAs(const FileInfo& info) {
+  for (const auto& [name, file] : files_) {
+    if (file->info.device == info.device && file->info.inode == info.inode) return file;
+  }
+  return nullptr;
+}
+
+int MemoryBackend::Get(const std::string& name, FilePointer* file) {
+  *file = Known(name);
+  if (*file != nullptr) return 0;
+  if (behind_ == nullptr) return ENOENT;
+  FileInfo info;
+  if (const int error = StatBehind(name, &info)) return error;
+  if (!S_ISREG(info.mode)) return S_ISDIR(info.mode) ? EISDIR : ENOTSUP;
+  *file = KnownAs(info);
+  if (*file == nullptr) {
+    *file = std::make_shared<File>();
+    (*file)->info = info;
+    if (const int error = Load(name, **file)) return error;
+  }
+  files_.emplace(name, *file);
+  return 0;
+}
+
+// Before a name goes. The others may be links to it, or hard links that stay: the store behind
+// knows, and is asked again. Otherwise a link's file would be taken for the next one with its inode
+// number.
+int MemoryBackend::ForgetOtherNames(const std::string& name) {
+  const FilePointer file = Known(name);
+  const auto is_other = [&](const auto& entry) {
+    return entry.second == file && entry.first != name;
+  };
+  if (file == nullptr || std::none_of(files_.begin(), files_.end(), is_other)) return 0;
+  if (file->changed) {
+    if (const int error = WriteBack(name, *file)) return error;
+  }
+  for (auto place = files_.begin(); place != files_.end();) {
+    place = is_other(*place) ? files_.erase(place) : std::next(place);
+  }
+  return 0;
+}
+
+int MemoryBackend::Load(const std::string& name, File& file) {
+  const std::uint64_t size = file.info.size;
+  Extent extent;
+  for (std::uint64_t offset = 0; offset < size; offset = extent.end) {
+    if (const int error = NextDataBehind(name, offset, &extent)) return error;
+    extent.end = std::min(extent.end, size);
+    if (extent.begin >= extent.end) return 0;  // a hole to the end
+    for (std::uint64_t at = extent.begin; at < extent.end; at += kLoadBytes) {
+      const std::uint64_t length = std::min(kLoadBytes, extent.end - at);
+      if (const int error = ReadBehind(name, at, length, file)) return error;
+    }
+  }
+  return 0;
+}
+
+// Cut first: beyond it the store behind may still hold bytes that are a hole here. Nothing counts
+// as unchanged before it has survived the sync, since that reports lost bytes only once.
+int MemoryBackend::WriteBack(const std::string& name, File& file) {
+  if (!file.changed) return NameBehind(OPCODE_SYNC, name);
+  if (file.cut != kNotCut) {
+    if (const int error = NameBehind(OPCODE_TRUNCATE, name, file.cut)) return error;
+  }
+  const std::uint64_t size = file.info.size;
+  for (const auto& [number, chunk] : file.chunks) {
+    if (!chunk->changed) continue;
+    const std::uint64_t offset = number * kChunkBytes;
+    const std::uint64_t length = std::min(kChunkBytes, size - offset);
+    if (const int error = Behind(NewWrite(name, chunk->bytes.data(), length, offset))) return error;
+  }
+  if (const int error = NameBehind(OPCODE_TRUNCATE, name, size)) return error;
+  if (const int error = NameBehind(OPCODE_SYNC, name)) return error;
+  for (const auto& [number, chunk] : file.chunks) chunk->changed = false;
+  file.changed = false;
+  file.cut = kNotCut;
+  return 0;
+}
+
+// ---- the store behind ----
+
+int MemoryBackend::StatBehind(const std::string& name, FileInfo* info) {
+  const auto result = std::make_shared<FileInfo>();
+  const int error = Behind(NewNameJob(OPCODE_STAT, name, {}, 0, result));
+  *info = *result;
+  return error;
+}
+
+int MemoryBackend::NextDataBehind(const std::string& name, std::uint64_t offset, Extent* extent) {
+  const auto result = std::make_shared<Extent>();
+  const int error = Behind(NewNameJob(OPCODE_NEXT_DATA, name, {}, offset, result));
+  *extent = *result;
+  return error;
+}
+
+int MemoryBackend::ReadBehind(const std::string& name, std::uint64_t offset, std::uint64_t length,
+                              File& file) {
+  std::vector<unsigned char> bytes(length);
+  unsigned int count = 0;
+  if (const int error = Behind(NewRead(name, bytes.data(), length, offset, &count))) return error;
+  if (count < length) return EIO;
+  Write(file, bytes.data(), length, offset, false);
+  return 0;
+}
+
+int MemoryBackend::NameBehind(unsigned int code, const std::string& name, std::uint64_t number) {
+  return Behind(NewNameJob(code, name, {}, number));
+}
+
+// Sees `job`, whose reference it takes over, through to its end.
+int MemoryBackend::Behind(VeskJob* job) {
+  int result = cancelled_.load(std::memory_order_acquire);
+  if (result == 0) {
+    job->RefCountInc();  // for JobEnded: Publish may still be in the job when the wait is over
+    behind_->Run(job);
+    job->WaitUntilDone();
+    result = job->GetReturnValue();
+  }
+  VeskJob::RefCountDec(job);
+  return result == RC_EOF ? EIO : result;  // every read asks for bytes that Stat counted
+}
+
+void MemoryBackend::JobEnded(VeskJob* job, int result) {
+  job->Publish(result);
+  VeskJob::RefCountDec(job);
+}
+
+}  // namespace vesk

@@ -1,0 +1,54 @@
+#include "runtime/delay_queue.h"
+
+#include <utility>
+
+#include "vesk/VeskJob.h"
+
+namespace vesk {
+
+DelayQueue::DelayQueue(Clock& clock, std::function<void(JobQueue& jobs)> due)
+    : clock_(clock), due_(std::move(due)), thread_([this] { Work(); }) {}
+
+DelayQueue::~DelayQueue() {
+  {
+    const MutexLock guard(mutex_);
+    ending_ = true;
+  }
+  changed_.WakeAll();
+  thread_.join();
+}
+
+void DelayQueue::Add(VeskJob* job, Clock::Time time) {
+  bool first = false;
+  {
+    const MutexLock guard(mutex_);
+    job->due_ = time;
+    jobs_.Insert(job, [time](const VeskJob& other) { return other.due_ <= time; });
+    first = jobs_.First() == job;
+  }
+  if (first) changed_.WakeAll();
+}
+
+void DelayQueue::Take(const std::function<bool(const VeskJob& job)>& wanted, JobQueue& taken) {
+  const MutexLock guard(mutex_);
+  jobs_.MoveIf(wanted, taken);
+}
+
+void DelayQueue::Work() {
+  MutexLock guard(mutex_);
+  while (!ending_) {
+    const Clock::Time first = jobs_.Empty() ? Clock::kNever : jobs_.First()->due_;
+    const Clock::Time now = clock_.Now();
+    if (first > now) {
+      clock_.WaitUntil(changed_, mutex_, first);
+      continue;
+    }
+    JobQueue due;
+    while (!jobs_.Empty() && jobs_.First()->due_ <= now) due.Push(jobs_.Pop());
+    guard.Unlock();
+    due_(due);
+    guard.Lock();
+  }
+}
+
+}  // namespace vesk

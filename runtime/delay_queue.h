@@ -1,0 +1,51 @@
+// Jobs that wait for their time.
+
+#ifndef RUNTIME_DELAY_QUEUE_H_
+#define RUNTIME_DELAY_QUEUE_H_
+
+#include <functional>
+#include <thread>
+
+#include "runtime/clock.h"
+#include "runtime/job_queue.h"
+
+namespace vesk {
+
+// Holds jobs, and hands each over when its time has come. It allocates nothing, so it never fails.
+//   Owns     a thread; the jobs are its user's
+//   Threads  any
+class DelayQueue {
+ public:
+  // `due` is called by the queue's thread, without a mutex held, with all jobs whose time has come,
+  // in order of time; it takes all of them out.
+  //   Ends in  std::system_error when the thread cannot be started
+  DelayQueue(Clock& clock, std::function<void(JobQueue& jobs)> due);
+
+  // Ends the thread.
+  //   Before   no job is held
+  ~DelayQueue();
+  DelayQueue(const DelayQueue&) = delete;
+  DelayQueue& operator=(const DelayQueue&) = delete;
+
+  // Jobs of the same time keep their order.
+  void Add(VeskJob* job, Clock::Time time);
+
+  // Moves the held jobs that `wanted` is true for to the end of `taken`, whatever their time. One
+  // that is being handed over is not held any more.
+  void Take(const std::function<bool(const VeskJob& job)>& wanted, JobQueue& taken);
+
+ private:
+  void Work();
+
+  Clock& clock_;
+  const std::function<void(JobQueue&)> due_;
+  Mutex mutex_;
+  Condition changed_;
+  JobQueue jobs_ VESK_GUARDED_BY(mutex_);  // by time
+  bool ending_ VESK_GUARDED_BY(mutex_) = false;
+  std::thread thread_;
+};
+
+}  // namespace vesk
+
+#endif  // RUNTIME_DELAY_QUEUE_H_

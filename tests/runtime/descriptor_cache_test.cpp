@@ -1,0 +1,128 @@
+// Which descriptors are kept, and for how long.
+
+#include "runtime/descriptor_cache.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "tests/support/temporary_directory.h"
+
+namespace vesk_test {
+namespace {
+
+using vesk::Descriptor;
+using vesk::OpenFor;
+
+class DescriptorCacheTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<const Descriptor> Open(const std::string& name,
+                                         OpenFor opened_for = OpenFor::kRead) {
+    std::ofstream(directory_ / name, std::ios::app).flush();
+    std::shared_ptr<const Descriptor> descriptor;
+    EXPECT_EQ(cache_.Get({directory_ / name, opened_for}, &descriptor), 0);
+    return descriptor;
+  }
+  std::shared_ptr<const Descriptor> Find(const std::string& name,
+                                         OpenFor opened_for = OpenFor::kRead) {
+    return cache_.Find({directory_ / name, opened_for});
+  }
+  static bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
+
+  const TemporaryDirectory directory_;
+  vesk::DescriptorCache cache_{2};
+};
+
+TEST_F(DescriptorCacheTest, KeepsADescriptorForTheNextJob) {
+  EXPECT_EQ(Open("a"), Open("a"));
+  EXPECT_NE(Open("a"), Open("b"));
+}
+
+TEST_F(DescriptorCacheTest, FindsWhatIsOpenAndOpensNothing) {
+  EXPECT_EQ(Find("a"), nullptr);
+  const auto opened = Open("a");
+  EXPECT_EQ(Find("a"), opened);
+  EXPECT_EQ(Find("a", OpenFor::kWrite), nullptr);
+}
+
+TEST_F(DescriptorCacheTest, ReadersAndWritersHaveTheirOwn) {
+  const auto reader = Open("a");
+  const auto writer = Open("a", OpenFor::kWrite);
+  EXPECT_EQ(fcntl(reader->fd(), F_GETFL) & O_ACCMODE, O_RDONLY);
+  EXPECT_EQ(fcntl(writer->fd(), F_GETFL) & O_ACCMODE, O_WRONLY);
+  EXPECT_FALSE(reader->IsDirect());
+  EXPECT_FALSE(writer->IsDirect());
+}
+
+TEST_F(DescriptorCacheTest, NoDescriptorIsInheritedByAProgramThatIsStarted) {
+  EXPECT_NE(fcntl(Open("a")->fd(), F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_NE(fcntl(Open("a", OpenFor::kWrite)->fd(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST_F(DescriptorCacheTest, AFileThatCannotBeOpenedIsAnErrnoAndNoEntry) {
+  std::shared_ptr<const Descriptor> descriptor;
+  EXPECT_EQ(cache_.Get({directory_ / "absent", OpenFor::kRead}, &descriptor), ENOENT);
+  EXPECT_EQ(descriptor, nullptr);
+  EXPECT_EQ(Find("absent"), nullptr);
+}
+
+TEST_F(DescriptorCacheTest, ClosesTheLeastRecentlyUsedOverItsBound) {
+  const int a = Open("a")->fd();
+  Open("b");
+  Open("a");  // used again: b is now the oldest
+  Open("c");
+  EXPECT_TRUE(IsOpen(a));
+  EXPECT_NE(Find("a"), nullptr);
+  EXPECT_EQ(Find("b"), nullptr);
+  EXPECT_NE(Find("c"), nullptr);
+}
+
+TEST_F(DescriptorCacheTest, FindingCountsAsUse) {
+  Open("a");
+  Open("b");
+  Find("a");
+  Open("c");
+  EXPECT_NE(Find("a"), nullptr);
+  EXPECT_EQ(Find("b"), nullptr);
+}
+
+TEST_F(DescriptorCacheTest, AnEntryThatGoesClosesItsFile) {
+  const int a = Open("a")->fd();
+  cache_.Forget(directory_ / "a");
+  EXPECT_FALSE(IsOpen(a));
+}
+
+TEST_F(DescriptorCacheTest, ADescriptorInUseOutlivesItsEntry) {
+  const auto used = Open("a");
+  Open("b");
+  Open("c");
+  EXPECT_EQ(Find("a"), nullptr);
+  EXPECT_TRUE(IsOpen(used->fd()));
+  EXPECT_NE(Open("a"), used);
+}
+
+TEST_F(DescriptorCacheTest, ForgetsANameForAllThatItWasOpenedFor) {
+  const auto reader = Open("a");
+  const auto writer = Open("a", OpenFor::kWrite);
+  cache_.Forget(directory_ / "a");
+  cache_.Forget(directory_ / "never opened");
+  EXPECT_EQ(Find("a"), nullptr);
+  EXPECT_EQ(Find("a", OpenFor::kWrite), nullptr);
+  EXPECT_NE(Open("a"), reader);
+}
+
+TEST_F(DescriptorCacheTest, ForgettingANameLeavesItsNeighboursAlone) {
+  Open("a");
+  Open("ab");
+  cache_.Forget(directory_ / "a");
+  EXPECT_EQ(Find("a"), nullptr);
+  EXPECT_NE(Find("ab"), nullptr);
+}
+
+}  // namespace
+}  // namespace vesk_test
