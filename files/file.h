@@ -33,13 +33,15 @@ struct CacheShape {
 struct FileStats {
   std::uint64_t requests = 0;  // answered by the cache: a ReadAt or WriteAt takes one or more
   std::uint64_t waited = 0;    // of them, those that waited for storage at least once
-  std::uint64_t failed_read_ahead = 0;  // blocks fetched ahead in vain; fetched again when asked for
+  std::uint64_t failed_read_ahead =
+      0;  // blocks fetched ahead in vain; fetched again when asked for
 };
 
 // An open file.
 //   Units    bytes; offsets and lengths in the file
 //   Owns     its stream. Borrows the services, which outlive it
-//   Ends in  0 or a positive errno value. A write is taken when the cache has it; what becomes of it
+//   Ends in  0 or a positive errno value. A write is taken when the cache has it; what becomes of
+//   it
 //            in the store is told by a later WriteAt, Flush or Close, once. EIO with Broken() set:
 //            the cache failed a check of its own, and the file is of no more use. ETIMEDOUT or
 //            ECANCELED: the calling thread's request (RequestScope) met its limits; a WriteAt may
@@ -80,8 +82,8 @@ class File : private CachedFile {
   // The cache failed a check of its own: every later request ends in EIO.
   bool Broken() const;
 
-  // Why a write-back failed last; 0: none has failed since the file was opened. Its bytes may be kept
-  // and tried again, or stored by now.
+  // Why a write-back failed last; 0: none has failed since the file was opened. Its bytes may be
+  // kept and tried again, or stored by now.
   int LastWriteFailure() const;
 
   // `told` is called at each report of a failing write-back, by whatever thread meets it, which may

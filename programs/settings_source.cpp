@@ -9,9 +9,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <numeric>
 #include <sstream>
 #include <system_error>
+
+#include "runtime/nearest_name.h"
 
 namespace vesk {
 
@@ -21,39 +22,11 @@ constexpr std::size_t kLargestFile = 1024 * 1024;
 
 std::string ErrorText(int error) { return std::generic_category().message(error); }
 
-// ---- names that are nearly right ----
-
-// Changes of one letter that make `b` of `a`.
-std::size_t EditDistance(const std::string& a, const std::string& b) {
-  std::vector<std::size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), std::size_t{0});
-  for (std::size_t i = 1; i <= a.size(); ++i) {
-    std::size_t diagonal = row[0];
-    row[0] = i;
-    for (std::size_t j = 1; j <= b.size(); ++j) {
-      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-      diagonal = row[j];
-      row[j] = std::min({row[j] + 1, row[j - 1] + 1, replaced});
-    }
-  }
-  return row[b.size()];
-}
-
 // "; did you mean ...?", or nothing.
 std::string Suggestion(const std::string& name, const std::vector<std::string>& known,
                        const std::string& before) {
-  constexpr std::size_t kSlip = 2;
-  constexpr std::size_t kLongest = 64;  // no name is that long; more would only cost time
-  if (name.size() > kLongest) return "";
-  std::size_t best_distance = kSlip + 1;
-  const std::string* best = nullptr;
-  for (const std::string& candidate : known) {
-    const std::size_t distance = EditDistance(name, candidate);
-    if (distance >= best_distance || distance >= candidate.size()) continue;
-    best_distance = distance;
-    best = &candidate;
-  }
-  return best == nullptr ? "" : "; did you mean " + before + *best + '?';
+  const std::string nearest = NearestName(name, known);
+  return nearest.empty() ? "" : "; did you mean " + before + nearest + '?';
 }
 
 std::vector<std::string> SettingNames() {

@@ -49,8 +49,8 @@ class VeskBackend {
     return false;
   }
 
-  // From now on no job waits in here: every one that is not being carried out ends with `error`, and
-  // so does every one that is started later.
+  // From now on no job waits in here: every one that is not being carried out ends with `error`,
+  // and so does every one that is started later.
   virtual void CancelAll(int error) = 0;
 
   // `above` outlives every job.

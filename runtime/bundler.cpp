@@ -1,6 +1,5 @@
-#include "vesk/VeskBundler.h"
-
 #include "runtime/dispatcher.h"
+#include "vesk/VeskBundler.h"
 
 namespace vesk {
 

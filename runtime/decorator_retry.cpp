@@ -213,14 +213,8 @@ void RetryDecorator::Tell(const VeskJob& job, int error, unsigned attempts, bool
 // forward, so that starting them here could go as deep as there are jobs.
 void RetryDecorator::BringForward() {
   if (brought_forward_) return;  // those first: others would only take their place
-  unsigned left = kBroughtForward;
   JobQueue next;
-  const auto is_next = [&left](const VeskJob& job) {
-    if (left == 0 || !IsWrite(job)) return false;
-    --left;
-    return true;
-  };
-  delay_.Take(is_next, next);
+  delay_.Take(IsWrite, next, kBroughtForward);
   brought_forward_ = !next.Empty();
   const Clock::Time now = clock_.Now();
   while (!next.Empty()) delay_.Add(next.Pop(), now);

@@ -23,15 +23,22 @@ void DelayQueue::Add(VeskJob* job, Clock::Time time) {
   {
     const MutexLock guard(mutex_);
     job->due_ = time;
-    jobs_.Insert(job, [time](const VeskJob& other) { return other.due_ <= time; });
+    const auto is_later = [time](const VeskJob& other) { return other.due_ > time; };
+    // From the nearer end: there may be thousands.
+    if (!jobs_.Empty() && time - jobs_.First()->due_ < jobs_.Last()->due_ - time) {
+      jobs_.InsertFromFront(job, is_later);
+    } else {
+      jobs_.InsertFromBack(job, is_later);
+    }
     first = jobs_.First() == job;
   }
   if (first) changed_.WakeAll();
 }
 
-void DelayQueue::Take(const std::function<bool(const VeskJob& job)>& wanted, JobQueue& taken) {
+void DelayQueue::Take(const std::function<bool(const VeskJob& job)>& wanted, JobQueue& taken,
+                      std::size_t most) {
   const MutexLock guard(mutex_);
-  jobs_.MoveIf(wanted, taken);
+  jobs_.MoveIf(wanted, taken, most);
 }
 
 void DelayQueue::Work() {

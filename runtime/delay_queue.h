@@ -3,7 +3,9 @@
 #ifndef RUNTIME_DELAY_QUEUE_H_
 #define RUNTIME_DELAY_QUEUE_H_
 
+#include <cstddef>
 #include <functional>
+#include <limits>
 #include <thread>
 
 #include "runtime/clock.h"
@@ -30,9 +32,10 @@ class DelayQueue {
   // Jobs of the same time keep their order.
   void Add(VeskJob* job, Clock::Time time);
 
-  // Moves the held jobs that `wanted` is true for to the end of `taken`, whatever their time. One
-  // that is being handed over is not held any more.
-  void Take(const std::function<bool(const VeskJob& job)>& wanted, JobQueue& taken);
+  // Moves the held jobs that `wanted` is true for, those with the nearest times first and no more
+  // than `most`, to the end of `taken`. One that is being handed over is not held any more.
+  void Take(const std::function<bool(const VeskJob& job)>& wanted, JobQueue& taken,
+            std::size_t most = std::numeric_limits<std::size_t>::max());
 
  private:
   void Work();

@@ -56,9 +56,15 @@ std::shared_ptr<const Descriptor> DescriptorCache::Find(const Key& key) {
 
 void DescriptorCache::Keep(const Key& key, const std::shared_ptr<const Descriptor>& descriptor) {
   const MutexLock guard(mutex_);
-  if (by_key_.count(key) != 0) return;  // another thread was first: this one serves its job only
-  entries_.push_front({key, descriptor});
-  by_key_[key] = entries_.begin();
+  const auto [place, is_new] = by_key_.try_emplace(key);
+  if (!is_new) return;  // another thread was first: this one serves its job only
+  try {
+    entries_.push_front({key, descriptor});
+  } catch (...) {
+    by_key_.erase(place);
+    throw;
+  }
+  place->second = entries_.begin();
   if (entries_.size() <= capacity_) return;
   by_key_.erase(entries_.back().key);
   entries_.pop_back();

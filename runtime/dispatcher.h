@@ -43,7 +43,7 @@ struct DispatcherStats {
 
   Jobs reads;
   Jobs writes;
-  Jobs names;                         // operations on names
+  Jobs names;                          // operations on names
   std::map<std::string, Waits> waits;  // by tag
   std::uint64_t batches = 0;           // handed to the backend
   std::uint64_t depth = 0;             // jobs submitted and not ended, now
@@ -66,13 +66,13 @@ class Dispatcher final : private EndHandler {
   void Wait(VeskJob* job, VeskLock* lock, const char* tag);
 
   // Lets no further job start: those end with ESHUTDOWN. Returns when no job is left; at `deadline`
-  // it first makes the backend end what it is not carrying out (ESHUTDOWN), then waits until `last`.
-  // False: that many milliseconds were not enough, jobs are stuck inside the store and may still use
-  // their memory; backend and dispatcher must not be destroyed.
+  // it first makes the backend end what it is not carrying out (ESHUTDOWN), then waits until
+  // `last`. False: that many milliseconds were not enough, jobs are stuck inside the store and may
+  // still use their memory; backend and dispatcher must not be destroyed.
   bool Shutdown(Clock::Time deadline, Clock::Time last);
 
-  // `told` is called after each end that no thread is sure to collect, with the name of the file, by
-  // the thread that ended the job, without a mutex of this object held.
+  // `told` is called after each end that no thread is sure to collect, with the name of the file,
+  // by the thread that ended the job, without a mutex of this object held.
   //   Before   no job was submitted yet
   void OnEnd(std::function<void(const std::string& name)> told) { told_ = std::move(told); }
 

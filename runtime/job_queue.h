@@ -3,6 +3,9 @@
 #ifndef RUNTIME_JOB_QUEUE_H_
 #define RUNTIME_JOB_QUEUE_H_
 
+#include <cstddef>
+#include <limits>
+
 #include "vesk/VeskJob.h"
 
 namespace vesk {
@@ -21,33 +24,37 @@ class JobQueue {
   // The oldest job, or null.
   VeskJob* First() const { return first_; }
 
-  void Push(VeskJob* job) {
-    Insert(job, [](const VeskJob&) { return true; });
+  // The youngest one, or null.
+  VeskJob* Last() const { return last_; }
+
+  void Push(VeskJob* job) { Link(job, last_, nullptr); }
+
+  // Puts `job` where `goes_before`, which is false for some jobs and true for all after them, turns
+  // true: looked for from the front, or from the back.
+  template <typename Predicate>
+  void InsertFromFront(VeskJob* job, Predicate goes_before) {
+    VeskJob* next = first_;
+    while (next != nullptr && !goes_before(*next)) next = next->next_;
+    Link(job, next == nullptr ? last_ : next->previous_, next);
+  }
+  template <typename Predicate>
+  void InsertFromBack(VeskJob* job, Predicate goes_before) {
+    VeskJob* previous = last_;
+    while (previous != nullptr && goes_before(*previous)) previous = previous->previous_;
+    Link(job, previous, previous == nullptr ? first_ : previous->next_);
   }
 
-  // Puts `job` behind the last one that `stays_before` is true for; true for a job means true for
-  // those before it.
+  // Moves the first `most` jobs that `wanted` is true for to the end of `other`.
   template <typename Predicate>
-  void Insert(VeskJob* job, Predicate stays_before) {
-    VeskJob* after = last_;
-    while (after != nullptr && !stays_before(*after)) after = after->previous_;
-    job->previous_ = after;
-    job->next_ = after == nullptr ? first_ : after->next_;
-    (after == nullptr ? first_ : after->next_) = job;
-    (job->next_ == nullptr ? last_ : job->next_->previous_) = job;
-    job->queue_.store(this, std::memory_order_relaxed);
-  }
-
-  // Moves the jobs that `wanted` is true for to the end of `other`.
-  template <typename Predicate>
-  void MoveIf(Predicate wanted, JobQueue& other) {
-    for (VeskJob* job = first_; job != nullptr;) {
-      VeskJob* const next = job->next_;
-      if (wanted(*job)) {
-        Remove(job);
-        other.Push(job);
-      }
-      job = next;
+  void MoveIf(Predicate wanted, JobQueue& other,
+              std::size_t most = std::numeric_limits<std::size_t>::max()) {
+    VeskJob* next = nullptr;
+    for (VeskJob* job = first_; job != nullptr && most > 0; job = next) {
+      next = job->next_;
+      if (!wanted(*job)) continue;
+      Remove(job);
+      other.Push(job);
+      --most;
     }
   }
 
@@ -76,6 +83,14 @@ class JobQueue {
   }
 
  private:
+  void Link(VeskJob* job, VeskJob* previous, VeskJob* next) {
+    job->previous_ = previous;
+    job->next_ = next;
+    (previous == nullptr ? first_ : previous->next_) = job;
+    (next == nullptr ? last_ : next->previous_) = job;
+    job->queue_.store(this, std::memory_order_relaxed);
+  }
+
   VeskJob* first_ = nullptr;
   VeskJob* last_ = nullptr;
 };

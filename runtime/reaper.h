@@ -33,9 +33,9 @@ class CachedFile {
   ~CachedFile() = default;
 };
 
-// The threads of a VeskThreadPool. A file is looked at when the cache has marked its name, and again
-// after each of its jobs has ended that no thread is sure to collect: so no finished job stays
-// uncollected, and nothing is looked at while nothing happens.
+// The threads of a VeskThreadPool. A file is looked at when the cache has marked its name, and
+// again after each of its jobs has ended that no thread is sure to collect: so no finished job
+// stays uncollected, and nothing is looked at while nothing happens.
 //   Owns     its threads; borrows the pool, which outlives it, and the files that were added
 //   Threads  any
 class Reaper {

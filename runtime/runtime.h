@@ -26,8 +26,8 @@ namespace vesk {
 //     vesk::FileInfo info;
 //     if (runtime.store().Stat("a.bin", &info) == 0) { ... vesk::File file(runtime.services(), ...
 //
-// Logger, store (as `settings.store` describes it), dispatcher and reaper are made in this order and
-// taken down in the opposite one; gEnv is set from the constructor to the destructor.
+// Logger, store (as `settings.store` describes it), dispatcher and reaper are made in this order
+// and taken down in the opposite one; gEnv is set from the constructor to the destructor.
 //   Owns     all of its parts; borrows settings and clock, which outlive it
 //   Before   one object at a time; every file is closed before it is destroyed
 //   Threads  made and destroyed by one thread; everything in between from any
@@ -66,9 +66,10 @@ class VeskRuntime {
   // Call after live settings were changed: takes over those that are not read afresh at each use.
   void SettingsChanged();
 
-  // Waits for every job, for as long as the setting shutdown-timeout; then ends what has not reached
-  // the store (ESHUTDOWN), and waits as long again for the rest. No job starts from now on.
-  //   After    true: all is taken down. False: jobs are stuck inside the store; a line of the log says
+  // Waits for every job, for as long as the setting shutdown-timeout; then ends what has not
+  // reached the store (ESHUTDOWN), and waits as long again for the rest. No job starts from now on.
+  //   After    true: all is taken down. False: jobs are stuck inside the store; a line of the log
+  //   says
   //            how many, and what they use is left in memory
   bool Stop();
 

@@ -191,7 +191,7 @@ std::vector<Setting> MakeTable() {
                  "How long the end of the program waits for data to reach storage; 0: not at all"),
 
     Milliseconds("retry-first-delay", "retry", &S::retry_first_delay_ms, 1, kHourMs,
-                 "Pause before a transfer that failed for a passing reason is tried again"),
+                 "Pause before a write that failed, or a read that failed for a passing reason, is tried again"),
     Milliseconds("retry-longest-delay", "retry", &S::retry_longest_delay_ms, 1, 24 * kHourMs,
                  "The pause grows with each failure up to this"),
     Count("retry-read-attempts", "retry", &S::retry_read_attempts, 1, 1000,

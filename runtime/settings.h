@@ -40,11 +40,11 @@ struct Settings : VeskSettings {
 
   // requests
   std::atomic<std::int64_t> request_timeout_ms{0};
-  std::atomic<std::int64_t> shutdown_timeout_ms{10 * 1000};
+  std::atomic<std::int64_t> shutdown_timeout_ms{std::int64_t{10} * 1000};
 
   // retry
   std::atomic<std::int64_t> retry_first_delay_ms{100};
-  std::atomic<std::int64_t> retry_longest_delay_ms{30 * 1000};
+  std::atomic<std::int64_t> retry_longest_delay_ms{std::int64_t{30} * 1000};
   std::atomic<unsigned> retry_read_attempts{5};
   std::atomic<unsigned> retry_parked_jobs{0};
   std::atomic<std::uint64_t> retry_parked_bytes{0};

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <limits>
 #include <map>
-#include <numeric>
 #include <random>
 #include <stdexcept>
 #include <system_error>
@@ -14,6 +13,7 @@
 
 #include "runtime/backend_memory.h"
 #include "runtime/backend_threads.h"
+#include "runtime/nearest_name.h"
 #include "runtime/posix_files.h"
 #include "runtime/settings.h"
 #ifdef VESK_HAVE_URING
@@ -116,31 +116,10 @@ std::string Joined(const Words& words) {
   return text;
 }
 
-// Letters to change, add or leave out to make `b` of `a`.
-std::size_t Distance(const std::string& a, const std::string& b) {
-  std::vector<std::size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), std::size_t{0});
-  for (std::size_t i = 1; i <= a.size(); ++i) {
-    std::size_t diagonal = std::exchange(row[0], i);
-    for (std::size_t j = 1; j <= b.size(); ++j) {
-      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-      diagonal = std::exchange(row[j], std::min({row[j] + 1, row[j - 1] + 1, replaced}));
-    }
-  }
-  return row.back();
-}
-
 // " did you mean 'latency'?", or nothing.
 std::string Suggestion(const std::string& text, const Words& known) {
-  constexpr std::size_t kSlip = 2;
-  constexpr std::size_t kLongest = 32;  // no word is that long; more would only cost time
-  if (text.size() > kLongest) return "";
-  const auto distance = [&text](const std::string& word) { return Distance(text, word); };
-  const auto nearest = std::min_element(
-      known.begin(), known.end(),
-      [&](const std::string& a, const std::string& b) { return distance(a) < distance(b); });
-  if (distance(*nearest) > std::min(kSlip, nearest->size() - 1)) return "";
-  return " did you mean '" + *nearest + "'?";
+  const std::string nearest = NearestName(text, known);
+  return nearest.empty() ? "" : " did you mean '" + nearest + "'?";
 }
 
 // "unknown decorator 'latancy'; did you mean 'latency'? known: fault, latency, retry"

@@ -72,8 +72,8 @@ class VeskJob {
   //   Before   the caller holds a reference
   void WaitUntilDone();
 
-  // The same, but also until `deadline` has come by `clock`, or `*cancelled` is true and the waiters
-  // were woken. True: the job has ended.
+  // The same, but also until `deadline` has come by `clock`, or `*cancelled` is true and the
+  // waiters were woken. True: the job has ended.
   //   Before   `cancelled` may be null
   bool WaitUntilDone(Clock& clock, std::chrono::steady_clock::time_point deadline,
                      const std::atomic<bool>* cancelled);

@@ -27,16 +27,15 @@ int WriteAll(int fd, const unsigned char* bytes, std::size_t length) {
 // Moves the file to standard output.
 int CatWhole(World& world, vesk::File& file, std::uint64_t size) {
   const std::string& name = world.options().source;
-  std::vector<unsigned char> chunk(std::min<std::uint64_t>(
-      ChunkSize(world.shape()), std::max<std::uint64_t>(size, 1)));
+  std::vector<unsigned char> chunk(
+      std::min<std::uint64_t>(ChunkSize(world.shape()), std::max<std::uint64_t>(size, 1)));
   for (std::uint64_t offset = 0; offset < size;) {
     const vesk::RequestScope scope(world.NewLimits());
     std::size_t count = 0;
     const int error = file.ReadAt(chunk.data(), chunk.size(), offset, &count);
     if (error != 0) return World::Fail("read", name, file, error);
     if (count == 0) {
-      return World::Fail("read", name,
-                         std::string("The file became shorter while it was read"));
+      return World::Fail("read", name, std::string("The file became shorter while it was read"));
     }
     if (const int failed = WriteAll(STDOUT_FILENO, chunk.data(), count)) {
       return World::Fail("write to", "standard output", failed);

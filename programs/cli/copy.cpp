@@ -185,8 +185,7 @@ int Copy(World& world) {
     return World::Fail("create", options.destination, error);
   }
   const vesk::Services services = world.runtime().services();
-  auto from =
-      std::make_unique<vesk::File>(services, options.source, source.size, world.shape());
+  auto from = std::make_unique<vesk::File>(services, options.source, source.size, world.shape());
   auto to = std::make_unique<vesk::File>(services, partial.name(), 0, world.shape());
   to->OnWriteFailure([&world](const vesk::WriteFailure& failure) { Judge(world, failure); });
   const int status = CopyWhole(world, *from, *to, source.size, &partial);

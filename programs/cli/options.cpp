@@ -8,7 +8,8 @@ namespace vesk_cli {
 namespace {
 
 constexpr char kFooter[] =
-    "Exit status: 0 done; 1 a file could not be read or written; 2 a setting or the command line is\n"
+    "Exit status: 0 done; 1 a file could not be read or written; 2 a setting or the command line "
+    "is\n"
     "wrong; 128 + N ended by signal N. A copy appears under its name only once it is complete and\n"
     "safe on storage.";
 

@@ -27,9 +27,9 @@ class World {
   // For a request that begins now.
   vesk::RequestLimits NewLimits() { return runtime_->NewLimits(&cancel_); }
 
-  // A copy is called off by SIGINT, SIGTERM and SIGHUP, so that it can clean up: the signal, 0: none.
-  // A second one ends the program at once. SIGHUP re-reads the configuration instead where there is
-  // one.
+  // A copy is called off by SIGINT, SIGTERM and SIGHUP, so that it can clean up: the signal, 0:
+  // none. A second one ends the program at once. SIGHUP re-reads the configuration instead where
+  // there is one.
   int interrupted_by() const { return interrupted_by_; }
 
   // Lets a file go; a store that does not answer holds that up no longer than the setting

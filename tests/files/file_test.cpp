@@ -169,7 +169,8 @@ TEST_F(RealFileTest, SequentialReadsAreServedByReadAhead) {
   Put(Content(64 * 100));
   File file(services_, name_, 64 * 100, CacheShape{64, 16, 8});
   for (unsigned int i = 0; i < 100; ++i) EXPECT_EQ(Read(file, i * 64, 64).size(), 64u);
-  EXPECT_EQ(bundler_.dispatcher().GetStats().waits["Read"].count, 1u) << "only the first block is a miss";
+  EXPECT_EQ(bundler_.dispatcher().GetStats().waits["Read"].count, 1u)
+      << "only the first block is a miss";
   EXPECT_EQ(file.GetStats().requests, 100u);
   EXPECT_GE(file.GetStats().waited, 1u);
 }
@@ -435,7 +436,8 @@ class OutageTest : public FileTest {
     retry_settings_.retry_first_delay_ms = 1;
     retry_settings_.retry_longest_delay_ms = 5;
     bundler_.dispatcher().OnEnd([this](const std::string& name) { reaper_.JobEnded(name); });
-    retry_.OnWriteFailure([this](const vesk::WriteFailure& failure) { reaper_.WriteFails(failure); });
+    retry_.OnWriteFailure(
+        [this](const vesk::WriteFailure& failure) { reaper_.WriteFails(failure); });
   }
 
   // Files on disk that can be switched off.
@@ -495,8 +497,8 @@ TEST_F(OutageTest, AFlushDuringAnOutageEndsInTimeAndTheBytesAreKept) {
   EXPECT_EQ(file.WriteAt("bytes", 5, 0), 0);
   store_.down = ENOSPC;
   {
-    const vesk::RequestScope scope({vesk::Clock::System().Now() + std::chrono::milliseconds(30),
-                                    nullptr});
+    const vesk::RequestScope scope(
+        {vesk::Clock::System().Now() + std::chrono::milliseconds(30), nullptr});
     EXPECT_EQ(file.Flush(), ETIMEDOUT);
   }
   EXPECT_EQ(Read(file, 0, 5), "bytes") << "readers still see what was written";

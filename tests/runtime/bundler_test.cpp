@@ -242,7 +242,7 @@ TEST_F(BundlerTest, KeepsAJobAliveUntilItsEndIsPublished) {
   bundler_.SubmitJob(job);
   EXPECT_EQ(job->GetRefCount(), 2);
   VeskJob::RefCountDec(job);  // the block's
-  End(job, 0);        // the address sanitizer tells when it was freed too early, or never
+  End(job, 0);                // the address sanitizer tells when it was freed too early, or never
 }
 
 // Between the unlock and the start of what was held back, another thread may wait for one of these
@@ -321,8 +321,7 @@ class LimitedWaitTest : public BundlerTest {
     EXPECT_TRUE(lock_backend_.run.empty()) << "run where nothing could call it back";
     EXPECT_EQ(lock_backend_.started, std::vector<VeskJob*>{job->get()});
     lock_.unlock();
-    const vesk::DispatcherStats::Waits waits =
-        manual_.dispatcher().GetStats().waits.at("Read");
+    const vesk::DispatcherStats::Waits waits = manual_.dispatcher().GetStats().waits.at("Read");
     EXPECT_EQ(waits.count, 1u);
     EXPECT_EQ(waits.given_up, 1u);
     lock_backend_.End(job->get(), 0);
@@ -537,7 +536,8 @@ TEST_F(ShutdownTest, WaitsForWhatIsInFlight) {
     clock_.AwaitWaiters(1);
     lock_backend_.End(job->get(), 0);
   });
-  EXPECT_TRUE(manual_.dispatcher().Shutdown(clock_.Now() + std::chrono::seconds(1), vesk::Clock::kNever));
+  EXPECT_TRUE(
+      manual_.dispatcher().Shutdown(clock_.Now() + std::chrono::seconds(1), vesk::Clock::kNever));
   EXPECT_EQ(job->get()->GetReturnValue(), 0);
   other.join();
 }

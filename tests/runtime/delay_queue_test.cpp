@@ -73,6 +73,34 @@ TEST_F(DelayQueueTest, HandsJobsOverInOrderOfTimeAsOneBatch) {
   EXPECT_EQ(Batches(2).back(), Batch{later_still});
 }
 
+TEST_F(DelayQueueTest, KeepsTheOrderWhereverAJobBelongs) {
+  const vesk::Clock::Time now = clock_.Now();
+  std::vector<VeskJob*> jobs(40);
+  for (VeskJob*& job : jobs) job = NewJob();
+  for (std::size_t i = 0; i < jobs.size(); ++i) {
+    const std::size_t which = i * 17 % jobs.size();  // each once, in an order of its own
+    queue_.Add(jobs[which], now + seconds(1 + which));
+  }
+  clock_.AwaitWaiters(1);
+  clock_.Advance(seconds(100));
+  EXPECT_EQ(Batches(1), std::vector<Batch>{jobs});
+}
+
+TEST_F(DelayQueueTest, TakesNoMoreThanAskedForTheNearestFirst) {
+  std::vector<VeskJob*> jobs;
+  for (int i = 0; i < 5; ++i) {
+    jobs.push_back(NewJob());
+    queue_.Add(jobs.back(), clock_.Now() + seconds(5 - i));
+  }
+  JobQueue taken;
+  queue_.Take([](const VeskJob&) { return true; }, taken, 2);
+  EXPECT_EQ(taken.Pop(), jobs[4]);
+  EXPECT_EQ(taken.Pop(), jobs[3]);
+  EXPECT_TRUE(taken.Empty());
+  queue_.Take([](const VeskJob&) { return true; }, taken);
+  while (!taken.Empty()) taken.Pop();
+}
+
 TEST_F(DelayQueueTest, AnEarlierJobWakesTheThread) {
   VeskJob* const late = NewJob();
   VeskJob* const now = NewJob();

@@ -201,8 +201,8 @@ TEST_F(ReaperTest, TellsEveryFileOfTheNameOfAFailingWrite) {
   for (CountedFile* known : {&file, &same, &other}) reaper.Remove(*known);
 }
 
-// The cache marks a name when a job starts. The job ends long after that mark was taken: the end has
-// to bring the reaper back.
+// The cache marks a name when a job starts. The job ends long after that mark was taken: the end
+// has to bring the reaper back.
 TEST_F(ReaperTest, TheEndOfAJobBringsItBackWithoutAnotherMark) {
   StubBackend backend;
   vesk::VeskBundler bundler(backend);
@@ -260,8 +260,8 @@ TEST_F(ReaperTest, IsIdleWhileNothingHappensHoweverManyFilesHaveJobsInFlight) {
 TEST_F(ReaperTest, NoMarkIsLostUnderLoad) {
   constexpr unsigned int kFiles = 50;
   struct CheckedFile : CountedFile {
-    std::atomic<int> ended{0};   // raised before the mark
-    std::atomic<int> seen{0};    // `ended` as the last look found it
+    std::atomic<int> ended{0};  // raised before the mark
+    std::atomic<int> seen{0};   // `ended` as the last look found it
   };
   std::vector<std::unique_ptr<CheckedFile>> files;
   Reaper reaper(pool_, 3);

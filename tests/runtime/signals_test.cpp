@@ -56,7 +56,9 @@ TEST_F(SignalsTest, HandsSignalsToItsOwnThread) {
 TEST_F(SignalsTest, LeavesTheMaskAsItWas) {
   sigset_t before;
   pthread_sigmask(SIG_SETMASK, nullptr, &before);
-  { vesk::SignalWatcher watcher({SIGUSR2}, [](int /*signal_number*/) {}); }
+  {
+    vesk::SignalWatcher watcher({SIGUSR2}, [](int /*signal_number*/) {});
+  }
   sigset_t after;
   pthread_sigmask(SIG_SETMASK, nullptr, &after);
   EXPECT_EQ(sigismember(&before, SIGUSR2), 0);

@@ -11,8 +11,8 @@ namespace vesk_test {
 // Allocations by operator new (all forms) that have not been deleted.
 long LiveAllocations();
 
-// While one exists, the `nth` allocation of this thread from its construction on (1 is the next one)
-// fails: the throwing forms throw std::bad_alloc, the others return null. One at a time.
+// While one exists, the `nth` allocation of this thread from its construction on (1 is the next
+// one) fails: the throwing forms throw std::bad_alloc, the others return null. One at a time.
 class FailingAllocation {
  public:
   explicit FailingAllocation(long nth);

@@ -18,8 +18,8 @@ class ManualClock : public vesk::Clock {
 
   void Advance(Duration by);
 
-  // Returns when that many threads wait for a time that has not come (kNever included), after a bounded
-  // while in any case: the test then fails by what it looks at next.
+  // Returns when that many threads wait for a time that has not come (kNever included), after a
+  // bounded while in any case: the test then fails by what it looks at next.
   void AwaitWaiters(std::size_t count);
 
  private:
