@@ -6,9 +6,10 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+#include <exception>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "bench/harness.h"
@@ -37,8 +38,7 @@ using vesk::VeskLock;
 constexpr std::size_t kFileSize = 64u << 20;
 
 [[noreturn]] void Die(const char* what) {
-  std::fprintf(stderr, "runtime_bench: %s: %s\n", what, std::strerror(errno));
-  std::exit(2);
+  throw std::system_error(errno, std::generic_category(), what);
 }
 
 // A file in the page cache, removed at the end.
@@ -169,7 +169,7 @@ void ModuleMiss(const CachedFile& file, unsigned int block) {
 
 #ifdef VESK_HAVE_URING
 bool UringBatch(const CachedFile& file) {
-  constexpr unsigned int kBlock = 64u << 10;
+  constexpr std::size_t kBlock = 64u << 10;
   constexpr int kBatch = 16;
   vesk::UringBackend backend({});
   VeskBundler bundler(backend);
@@ -199,7 +199,7 @@ bool UringBatch(const CachedFile& file) {
 
 // 16 blocks of 64 KiB in flight at a store that takes 2 ms for each.
 bool SlowStore() {
-  constexpr unsigned int kBlock = 64u << 10;
+  constexpr std::size_t kBlock = 64u << 10;
   constexpr unsigned int kInFlight = 16;
   constexpr unsigned int kBlocks = 16 * 100;
   constexpr double kLatency = 0.002;
@@ -300,7 +300,8 @@ int Main() {
   ModuleMiss(file, 4096);
 #ifdef VESK_HAVE_URING
   if (const int missing = vesk::UringBackend::Probe()) {
-    std::printf("io_uring: left out, this kernel has none: %s\n", std::strerror(missing));
+    std::printf("io_uring: left out, this kernel has none: %s\n",
+                std::generic_category().message(missing).c_str());
   } else {
     held &= UringBatch(file);
   }
@@ -317,4 +318,11 @@ int Main() {
 }  // namespace
 }  // namespace vesk_bench
 
-int main() { return vesk_bench::Main(); }
+int main() {
+  try {
+    return vesk_bench::Main();
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "runtime_bench: %s\n", failure.what());
+    return 2;
+  }
+}

@@ -48,7 +48,7 @@ struct FileStats {
 //            have taken a part, and nothing that was taken is lost
 //   Threads  any; one request at a time is inside the cache, and waits let others in
 // Life: created with the file's size -> ReadAt, WriteAt, Flush -> Close.
-class File : private CachedFile {
+class File final : private CachedFile {
  public:
   // `name` and `size` are those of an existing file in the store.
   File(const Services& services, const std::string& name, std::uint64_t size,

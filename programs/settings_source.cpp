@@ -18,7 +18,7 @@ namespace vesk {
 
 namespace {
 
-constexpr std::size_t kLargestFile = 1024 * 1024;
+constexpr std::size_t kLargestFile = std::size_t{1} << 20;
 
 std::string ErrorText(int error) { return std::generic_category().message(error); }
 
@@ -328,6 +328,7 @@ std::string SettingsSource::Load(Settings* settings) {
   environment_.clear();
   for (const Setting& setting : SettingTable()) {
     const std::string name = EnvironmentName(setting);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): once, before the program has other threads
     const char* const text = std::getenv(name.c_str());
     if (text != nullptr) environment_.push_back({&setting, text, name});
   }

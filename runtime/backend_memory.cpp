@@ -19,7 +19,8 @@ namespace {
 // As off_t has it.
 constexpr auto kLargestFile = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
-constexpr std::uint64_t kLoadBytes = 1024 * 1024;  // read from the store behind at a time
+constexpr std::uint64_t kLoadBytes = std::uint64_t{1}
+                                     << 20;  // read from the store behind at a time
 
 VeskJob* NewRead(std::string name, unsigned char* data, std::uint64_t length, std::uint64_t offset,
                  unsigned int* count) {

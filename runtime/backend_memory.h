@@ -49,7 +49,7 @@ class MemoryBackend final : public VeskBackend, private EndHandler {
   void CancelAll(int error) override;
 
  private:
-  static constexpr std::uint64_t kChunkBytes = 64 * 1024;
+  static constexpr std::uint64_t kChunkBytes = std::uint64_t{64} << 10;
   static constexpr std::uint64_t kNotCut = std::numeric_limits<std::uint64_t>::max();
 
   struct Chunk {

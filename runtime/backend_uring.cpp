@@ -204,6 +204,7 @@ void UringBackend::TakeBack(JobQueue& refused) {
   const unsigned begin = *queue.khead;
   for (unsigned i = begin; i != queue.sqe_tail; ++i) {
     const io_uring_sqe& entry = queue.sqes[i & queue.ring_mask];
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel hands back the number it was given
     auto* const slot = reinterpret_cast<Slot*>(entry.user_data);
     refused.Push(slot->job.load(std::memory_order_acquire));
     slot->file.reset();

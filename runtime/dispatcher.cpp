@@ -106,7 +106,8 @@ void Dispatcher::JobEnded(VeskJob* job, int result) {
   Record(*job, result);
   job->Publish(result);
   // A waiter that ran the job itself repeats its request at once and collects the end.
-  if (told_ && !job->run_by_waiter_) told_(job->GetOP().GetString(0));
+  const bool to_collect = job->GetType() == JOB_TYPE_IO && !job->run_by_waiter_;
+  if (told_ && to_collect) told_(job->GetOP().GetString(0));
   VeskJob::RefCountDec(job);
 
   const MutexLock guard(mutex_);

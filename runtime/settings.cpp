@@ -28,7 +28,7 @@ constexpr Suffix kDurations[] = {
     {"h", 3600000000}, {"m", 60000000}, {"s", 1000000}, {"ms", 1000}, {"us", 1}};
 
 constexpr std::size_t kLongestText = 4096;  // as long as a path can be
-constexpr std::uint64_t kHourMs = 3600 * 1000;
+constexpr std::uint64_t kHourMs = std::uint64_t{3600} * 1000;
 constexpr std::uint64_t kLargestBlock = 100 * 1024 * 1024 - 1;  // what the cache allocates at most
 
 // What a setting's unit is worth: that of a duration in microseconds, any other is the smallest.
@@ -201,7 +201,7 @@ std::vector<Setting> MakeTable() {
           "error says so; 0: no limit"),
     Size("retry-parked-bytes", "retry", &S::retry_parked_bytes, 0, std::uint64_t{1} << 40,
          "Bytes of failing writes kept at most, likewise; 0: no limit"),
-    Milliseconds("retry-parked-age", "retry", &S::retry_parked_age_ms, 0, 30 * 24 * kHourMs,
+    Milliseconds("retry-parked-age", "retry", &S::retry_parked_age_ms, 0, std::uint64_t{30} * 24 * kHourMs,
                  "A write that has failed for longer is given up, likewise; 0: never"),
 
     Count("reaper-threads", "reaper", &S::reaper_threads, 1, 64,

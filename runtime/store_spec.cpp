@@ -116,6 +116,11 @@ std::string Joined(const Words& words) {
   return text;
 }
 
+std::string NeedsValue(const std::string& key) {
+  std::string text = key;
+  return text.append(" needs a value: ").append(key).append("=...");
+}
+
 // " did you mean 'latency'?", or nothing.
 std::string Suggestion(const std::string& text, const Words& known) {
   const std::string nearest = NearestName(text, known);
@@ -201,7 +206,7 @@ class Values {
       if (std::find(known.begin(), known.end(), key) == known.end()) {
         RefuseUnknown("key", key, known);
       }
-      if (equals == std::string::npos) throw Refusal(key + " needs a value: " + key + "=...");
+      if (equals == std::string::npos) throw Refusal(NeedsValue(key));
       if (!values_.emplace(key, parts[i].substr(equals + 1)).second) {
         throw Refusal(key + " is there twice");
       }

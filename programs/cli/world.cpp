@@ -51,10 +51,10 @@ void PrintJobs(const char* side, const vesk::DispatcherStats::Jobs& jobs) {
 }
 
 void PrintRetries(const vesk::RetryDecorator::Totals& retries) {
-  std::fprintf(
-      stderr, "  tried again     %8llu   times, %llu jobs recovered\n",
-      static_cast<unsigned long long>(retries.writes.retried + retries.others.retried),
-      static_cast<unsigned long long>(retries.writes.recovered + retries.others.recovered));
+  const unsigned long long retried = retries.writes.retried + retries.others.retried;
+  const unsigned long long recovered = retries.writes.recovered + retries.others.recovered;
+  std::fprintf(stderr, "  tried again     %8llu   times, %llu jobs recovered\n", retried,
+               recovered);
 }
 
 }  // namespace

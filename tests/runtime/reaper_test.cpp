@@ -31,6 +31,8 @@ using vesk::VeskThreadPool;
 // Counts the looks at it.
 class CountedFile : public vesk::CachedFile {
  public:
+  virtual ~CountedFile() = default;
+
   void Reap() override {
     if (on_reap) on_reap();
     const MutexLock guard(mutex_);
