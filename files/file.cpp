@@ -44,6 +44,7 @@ File::~File() {
   Close();
   if (services_.reaper != nullptr) services_.reaper->Remove(*this);
   const FileLock guard(lock_);
+  if (abandoned_) services_.retry->KeepAgain(name_);
   // Its blocks may be dirty or in flight, and destroying those would end the process. Their memory
   // stays: jobs may still move bytes there.
   (void)stream_.release();
@@ -77,7 +78,10 @@ void File::WriteFails(const WriteFailure& failure) {
 
 void File::Reap() {
   const FileLock guard(lock_);
-  if (stream_ == nullptr || broken_) return;
+  if (stream_ != nullptr && !broken_) CollectAll();
+}
+
+void File::CollectAll() {
   for (VeskBuffer* const block : stream_->buffers) {
     if (block->job != nullptr) Collect(*block);
   }
@@ -92,20 +96,43 @@ void File::Collect(VeskBuffer& block) {
   } catch (const VeskException& failure) {
     if (failure.code == ERR_ASSERT) {
       broken_ = true;
-    } else if (write) {
-      if (untold_error_ == 0) untold_error_ = failure.code;
+      return;
+    }
+    if (write) {
+      NoteUntold(failure.code);
     } else {
       ++stats_.failed_read_ahead;
     }
+    Mend();
   }
 }
 
-// Issues `request` until it ends in something else than a wait.
-File::Outcome File::Serve(const std::function<unsigned int()>& request) {
+void File::NoteUntold(int error) {
+  if (untold_error_ == 0) untold_error_ = error;
+}
+
+// A block whose job failed is invalid, and the next write to its first byte would fail a check. It
+// is made an empty block of great age, so that the cache drops it as soon as a request meets it.
+// Not the first one: a stream whose only block was dropped must not be asked for what lies before
+// it.
+void File::Mend() {
+  for (VeskBuffer* const block : stream_->buffers) {
+    if (block->GetState(VeskBuffer::INV) == 0 || block->job != nullptr) continue;
+    block->state = VeskBuffer::VALID;
+    block->rc = 0;
+    if (block != stream_->buffers.front()) block->ltime = 1;  // 0 would be none
+  }
+}
+
+// Issues `request` until it ends in something else than a wait. While it waits the file may be
+// closed or break.
+template <typename Request>
+File::Outcome File::Serve(const Request& request) {
   Outcome outcome;
-  if (stream_ == nullptr) outcome.error = EBADF;
-  if (broken_) outcome.error = EIO;
   while (outcome.error == 0) {
+    if (stream_ == nullptr) outcome.error = EBADF;
+    if (broken_) outcome.error = EIO;
+    if (outcome.error != 0) break;
     try {
       outcome.count = request();
       break;
@@ -113,11 +140,13 @@ File::Outcome File::Serve(const std::function<unsigned int()>& request) {
       if (failure.code == ERR_WAIT) {
         outcome.waited = true;
         outcome.error = RequestScope::Exceeded(services_.clock);
+        outcome.limited = outcome.error != 0;
       } else if (failure.code == ERR_ASSERT) {
         broken_ = true;
         outcome.error = EIO;
       } else {
         outcome.error = failure.code;
+        Mend();
       }
     }
   }
@@ -146,8 +175,7 @@ int File::ReadAt(void* destination, std::size_t length, std::uint64_t offset, st
     Count(outcome);
     if (outcome.error != 0) {
       // It may be a write-back's: the writer is to hear of it as well.
-      const bool limited = RequestScope::Exceeded(services_.clock) == outcome.error;
-      if (written_ && !limited) untold_error_ = outcome.error;
+      if (written_ && !outcome.limited) NoteUntold(outcome.error);
       return outcome.error;
     }
     if (outcome.count == 0) return 0;  // the file in the store has become shorter
@@ -178,27 +206,29 @@ int File::WriteAt(const void* source, std::size_t length, std::uint64_t offset) 
 
 int File::Flush() {
   const FileLock guard(lock_);
-  return Drain();
+  return Drain().error;
 }
 
-// Starts every write, then waits until no block is dirty or busy. Each failed job is met once: its
-// block is invalid from then on and passed over, so the loop ends; it ends early at the limits of
-// the calling thread's request.
-int File::Drain() {
-  int first_error = std::exchange(untold_error_, 0);
+// Starts every write, then waits until no block is dirty or busy; ends early at the limits of the
+// calling thread's request. What has failed is collected before each look, by this thread or by the
+// reaper, so that a failed write is told apart from a block fetched ahead in vain; each is met
+// once, so the loop ends.
+File::Outcome File::Drain() {
+  Outcome drained;
   for (bool wait = false;;) {
-    const int error = Serve([&]() VESK_REQUIRES(lock_) {
-                        stream_->Flush(&lock_, wait, false, false, false);
-                        return 0u;
-                      }).error;
-    if (error != 0 && error == RequestScope::Exceeded(services_.clock)) {
-      untold_error_ = first_error;  // to be told by the next one
-      return error;
-    }
-    if (first_error == 0) first_error = error;
-    if (stream_ == nullptr || broken_) return first_error;
-    if (error != 0) continue;
-    if (wait) return first_error;
+    const Outcome outcome = Serve([&]() VESK_REQUIRES(lock_) {
+      CollectAll();
+      if (broken_) throw VeskException(ERR_ASSERT);
+      stream_->Flush(&lock_, wait, false, false, false);
+      return 0u;
+    });
+    if (outcome.limited) return outcome;  // what has failed so far is told by the next one
+    const int collected = std::exchange(untold_error_, 0);
+    if (drained.error == 0) drained.error = collected;
+    if (drained.error == 0) drained.error = outcome.error;
+    if (stream_ == nullptr || broken_) return drained;
+    if (outcome.error != 0) continue;
+    if (wait) return drained;
     wait = true;
   }
 }
@@ -206,17 +236,18 @@ int File::Drain() {
 int File::Close() {
   const FileLock guard(lock_);
   if (stream_ == nullptr) return 0;
-  const int error = Drain();
-  if (error != 0 && error == RequestScope::Exceeded(services_.clock)) return error;
+  const Outcome drained = Drain();
+  if (drained.limited) return drained.error;
   if (broken_) {
     (void)stream_.release();  // see the destructor
   } else {
     stream_.reset();
   }
-  return error;
+  return drained.error;
 }
 
 void File::Discard() {
+  bool abandon = false;
   {
     const FileLock guard(lock_);
     if (stream_ == nullptr || broken_) return;
@@ -225,8 +256,11 @@ void File::Discard() {
       block->state = VeskBuffer::VALID;  // and empty, as a new block
       block->dlen = block->dirty_length = 0;
     }
+    abandon = services_.retry != nullptr && !abandoned_;
+    abandoned_ = abandoned_ || abandon;
   }
-  if (services_.retry != nullptr) services_.retry->Discard(name_);
+  // Without the lock: it ends jobs, and whoever is told of an end may want the lock.
+  if (abandon) services_.retry->Abandon(name_);
 }
 
 }  // namespace vesk

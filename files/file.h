@@ -40,9 +40,8 @@ struct FileStats {
 // An open file.
 //   Units    bytes; offsets and lengths in the file
 //   Owns     its stream. Borrows the services, which outlive it
-//   Ends in  0 or a positive errno value. A write is taken when the cache has it; what becomes of
-//   it
-//            in the store is told by a later WriteAt, Flush or Close, once. EIO with Broken() set:
+//   Ends in  0 or a positive errno value. A write is taken when the cache has it; its fate in the
+//            store is told by a later WriteAt, Flush or Close, once. EIO with Broken() set:
 //            the cache failed a check of its own, and the file is of no more use. ETIMEDOUT or
 //            ECANCELED: the calling thread's request (RequestScope) met its limits; a WriteAt may
 //            have taken a part, and nothing that was taken is lost
@@ -76,7 +75,8 @@ class File final : private CachedFile {
   // report of that. ETIMEDOUT or ECANCELED: the file is still open, nothing is lost.
   int Close();
 
-  // Gives up every byte that has not reached the store, those of failing write-backs included.
+  // Gives up every byte that has not reached the store: dirty blocks are emptied, and until the
+  // file is gone a write-back that fails is not kept. What is on its way may still arrive.
   void Discard();
 
   // The cache failed a check of its own: every later request ends in EIO.
@@ -98,15 +98,20 @@ class File final : private CachedFile {
     int error = 0;
     unsigned int count = 0;  // what the request returned
     bool waited = false;
+    bool limited = false;  // `error` says that the calling thread's limits were met, and no more
   };
 
   void Reap() override;
   void WriteFails(const WriteFailure& failure) override;
 
-  Outcome Serve(const std::function<unsigned int()>& request) VESK_REQUIRES(lock_);
+  template <typename Request>
+  Outcome Serve(const Request& request) VESK_REQUIRES(lock_);
   void Count(const Outcome& outcome) VESK_REQUIRES(lock_);
+  void CollectAll() VESK_REQUIRES(lock_);
   void Collect(VeskBuffer& block) VESK_REQUIRES(lock_);
-  int Drain() VESK_REQUIRES(lock_);
+  void Mend() VESK_REQUIRES(lock_);
+  void NoteUntold(int error) VESK_REQUIRES(lock_);
+  Outcome Drain() VESK_REQUIRES(lock_);
 
   const Services services_;
   const std::string name_;
@@ -118,6 +123,7 @@ class File final : private CachedFile {
   bool written_ VESK_GUARDED_BY(lock_) = false;
   int untold_error_ VESK_GUARDED_BY(lock_) = 0;  // an error that a writer has not been told yet
   bool broken_ VESK_GUARDED_BY(lock_) = false;
+  bool abandoned_ VESK_GUARDED_BY(lock_) = false;  // by Discard, at the retry decorator
   FileStats stats_ VESK_GUARDED_BY(lock_);
 
   mutable Mutex failure_mutex_;  // taken last of all

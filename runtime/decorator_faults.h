@@ -68,8 +68,8 @@ struct FaultRule {
 // see it, as if each rule were a decorator of its own.
 //   Owns     the jobs it holds
 //   Before   every job has ended when it is destroyed
-//   Ends in  for a job, besides the above: ENOMEM, when there is no memory for a short read's
-//   record Threads  any. The same jobs in the same order meet the same faults
+//   Ends in  for a job, besides the above: ENOMEM, when there is no memory to note a short read
+//   Threads  any. The same jobs in the same order meet the same faults
 class FaultsDecorator final : public Decorator {
  public:
   struct Counts {

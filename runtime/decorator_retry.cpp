@@ -117,6 +117,7 @@ RetryDecorator::Failing* RetryDecorator::Note(VeskJob* job, int error, bool* new
   }
   failing->error = error;
   failing->latest = now;
+  if (IsWrite(*job) && abandoned_.count(NameOf(*job)) != 0) failing->discarded = true;
   return failing;
 }
 
@@ -139,7 +140,9 @@ RetryDecorator::Failing* RetryDecorator::Find(const VeskJob* job) {
 
 bool RetryDecorator::Keeps(const VeskJob& job, const Failing* failing) {
   if (cancelled_ != 0) return false;
-  if (failing == nullptr) return IsWrite(job);  // tries that are not counted would not end
+  if (failing == nullptr) {  // tries that are not counted would not end
+    return IsWrite(job) && abandoned_.count(NameOf(job)) == 0;
+  }
   if (IsWrite(job)) return !failing->discarded && WithinLimits(*failing);
   return IsTransient(failing->error) && !IsSync(job) &&
          failing->tries < Value(settings_.retry_read_attempts);
@@ -239,6 +242,19 @@ void RetryDecorator::Retry(JobQueue& due) {
 bool RetryDecorator::Withdraw(VeskJob* job) {
   const MutexLock guard(mutex_);
   return Find(job) == nullptr && inner().Withdraw(job);
+}
+
+void RetryDecorator::Abandon(const std::string& name) {
+  {
+    const MutexLock guard(mutex_);
+    abandoned_.insert(name);
+  }
+  Discard(name);
+}
+
+void RetryDecorator::KeepAgain(const std::string& name) {
+  const MutexLock guard(mutex_);
+  abandoned_.erase(abandoned_.find(name));
 }
 
 std::size_t RetryDecorator::DiscardIf(const std::string* name) {

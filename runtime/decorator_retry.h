@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -35,7 +36,7 @@ struct Settings;
 //                                                of a write: but for the reasons below
 //                                                of another job: IsTransient, tries left, no Sync
 //   trying  -> (above), the error of the try   JobEnded, failure
-//                                                of a write: a limit, Discard or CancelAll before
+//                                                of a write: a limit; Discard, Abandon or CancelAll
 //                                                of another job: otherwise
 //   parked  -> trying                          its time has come, or another job has recovered
 //   parked  -> (above), its last error         Discard
@@ -94,6 +95,13 @@ class RetryDecorator final : public Decorator {
   std::size_t Discard(const std::string& name) { return DiscardIf(&name); }
   std::size_t DiscardAll() { return DiscardIf(nullptr); }
 
+  // From now on no failing write of that name is kept: those there are end as by Discard, later
+  // ones with their first failure. For an owner that wants to be done with the file. KeepAgain ends
+  // that, once for each Abandon.
+  //   Ends in  Abandon: std::bad_alloc, nothing changed
+  void Abandon(const std::string& name);
+  void KeepAgain(const std::string& name);
+
   Parked GetParked() const { return Sum(nullptr); }
   Parked GetParked(const std::string& name) const { return Sum(&name); }
   Totals GetTotals() const;
@@ -150,6 +158,7 @@ class RetryDecorator final : public Decorator {
   std::uint64_t parked_bytes_ VESK_GUARDED_BY(mutex_) = 0;  // likewise
   bool brought_forward_ VESK_GUARDED_BY(mutex_) = false;    // and not yet in the store
   Totals totals_ VESK_GUARDED_BY(mutex_);
+  std::multiset<std::string> abandoned_ VESK_GUARDED_BY(mutex_);
 
   DelayQueue delay_;  // the parked jobs; last, so that its thread ends first
 };

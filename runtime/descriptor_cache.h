@@ -4,6 +4,7 @@
 #define RUNTIME_DESCRIPTOR_CACHE_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
@@ -61,10 +62,12 @@ class DescriptorCache {
   };
   using Entries = std::list<Entry>;  // most recently used first
 
-  void Keep(const Key& key, const std::shared_ptr<const Descriptor>& descriptor);
+  void Keep(const Key& key, const std::shared_ptr<const Descriptor>& descriptor,
+            std::uint64_t generation);
 
   const std::size_t capacity_;
   Mutex mutex_;
+  std::uint64_t generation_ VESK_GUARDED_BY(mutex_) = 0;  // counts Forget
   Entries entries_ VESK_GUARDED_BY(mutex_);
   std::map<Key, Entries::iterator> by_key_ VESK_GUARDED_BY(mutex_);
 };

@@ -218,6 +218,7 @@ int PosixFiles::Create(const NameOperation& operation) {
   const int fd = open(operation.name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, permissions);
   if (fd < 0) return errno;
   const Descriptor file(fd);
+  descriptors_.Forget(operation.name);      // of a file that somebody else has removed
   return ErrnoOf(fchmod(fd, permissions));  // open took the process's umask off
 }
 
@@ -266,8 +267,9 @@ int PosixFiles::Rename(const NameOperation& operation) {
 }
 
 int PosixFiles::Remove(const NameOperation& operation) {
+  const int error = ErrnoOf(unlink(operation.name.c_str()));
   descriptors_.Forget(operation.name);
-  return ErrnoOf(unlink(operation.name.c_str()));
+  return error;
 }
 
 }  // namespace vesk

@@ -34,7 +34,7 @@ Logger::Options LogOptions(const Settings& settings) {
 StoreSpec ParsedSpec(const std::string& text) {
   StoreSpec spec;
   std::string why;
-  if (!ParseStoreSpec(text, &spec, &why)) throw std::invalid_argument(why);
+  if (!ParseStoreSpec(text, &spec, &why)) throw std::invalid_argument("store: " + why);
   return spec;
 }
 

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <utility>
 
+#include "runtime/store_spec.h"
+
 namespace vesk {
 
 namespace {
@@ -165,12 +167,22 @@ Setting Text(const char* name, const char* group, std::string Settings::*field, 
   return setting;
 }
 
+Setting Store(const char* help) {
+  Setting setting = Text("store", "store", &Settings::store, help);
+  setting.check = [](const std::string& text) {
+    StoreSpec spec;
+    std::string why;
+    return ParseStoreSpec(text, &spec, &why) ? std::string() : why;
+  };
+  return setting;
+}
+
 // clang-format off
 std::vector<Setting> MakeTable() {
   using S = Settings;
   const SettingType levels = SettingType::kLevels;
   return {
-    Text("store", "store", &S::store,
+    Store(
          "Where the files live: a backend (auto, posix, uring, memory) and what stands before it"),
     Count("threads", "store", &S::threads, 1, 1024, "Threads of the POSIX backend"),
     Count("descriptors", "store", &S::descriptors, 1, 1048576, "Files kept open at most"),
@@ -338,7 +350,7 @@ void CopySetting(const Setting& setting, const Settings& from, Settings* to) {
 std::string MarkdownHead(const std::string& group) {
   std::string title = group;
   title[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(title[0])));
-  return "## " + title +
+  return "### " + title +
          "\n\n"
          "| Name | Environment | Type | Range | Default | Live | What it does |\n"
          "|---|---|---|---|---|---|---|\n";
@@ -371,8 +383,9 @@ std::string SetSetting(const Setting& setting, const std::string& text, Settings
   std::string wrong = NotAText(text);
   if (!wrong.empty()) return wrong;
   if (setting.text != nullptr) {
-    settings->*setting.text = text;
-    return "";
+    if (setting.check) wrong = setting.check(text);
+    if (wrong.empty()) settings->*setting.text = text;
+    return wrong;
   }
   std::uint64_t value = 0;
   wrong = Parse(setting, text, &value);

@@ -83,6 +83,9 @@ struct Setting {
   std::function<std::uint64_t(const Settings&)> number;
   std::function<void(Settings*, std::uint64_t)> set_number;
   std::string Settings::*text = nullptr;  // of a text
+
+  // Of a text that has to be understood: nothing, or what is wrong and what would be right.
+  std::function<std::string(const std::string& text)> check;
 };
 
 // All settings, those of a group next to each other. Never changes; any thread.

@@ -398,7 +398,7 @@ bool ParseStoreSpec(const std::string& text, StoreSpec* spec, std::string* why) 
     *spec = Parsed(text);
     return true;
   } catch (const Refusal& refusal) {
-    *why = std::string("store: ") + refusal.what();
+    *why = refusal.what();
     return false;
   }
 }

@@ -50,9 +50,8 @@ struct StoreSpec {
 // chance=P (P from 0 to 1), seed=N, times=N and for=TIME. In a PATTERN a '?' stands for the ',' and
 // ':' that it cannot have. Sizes and times are written as those of the settings; a time needs its
 // unit.
-//   After    true and `*spec`; or false, `*spec` unchanged, and one line in `*why`: what is wrong
-//   and
-//            what would be right
+//   After    true and `*spec`; or false, `*spec` unchanged, and what is wrong and what would be
+//            right in `*why`, on one line
 bool ParseStoreSpec(const std::string& text, StoreSpec* spec, std::string* why);
 
 // The backends that a description stands for.

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "programs/cli/commands.h"
@@ -50,12 +49,16 @@ int CatWhole(World& world, vesk::File& file, std::uint64_t size) {
 int Cat(World& world) {
   const Options& options = world.options();
   vesk::FileInfo info;
-  if (const int status = world.CheckSource(options.source, &info)) return status;
+  {
+    const vesk::RequestScope scope(world.NewLimits());
+    if (const int status = world.CheckSource(options.source, &info)) return status;
+  }
   auto file = std::make_unique<vesk::File>(world.runtime().services(), options.source, info.size,
                                            world.shape());
   const int status = CatWhole(world, *file, info.size);
   if (status == kExitOk && options.stats) world.Report("Read", info.size, file.get(), nullptr);
-  world.Leave(std::move(file));
+  const vesk::RequestScope scope(world.LeavingLimits());
+  file.reset();
   return status;
 }
 

@@ -9,7 +9,6 @@
 #include <memory>
 #include <string>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "programs/cli/commands.h"
@@ -23,12 +22,15 @@ int Interrupted(const World& world) {
   return 128 + world.interrupted_by();
 }
 
-// Why the copy cannot go on: a signal; a failing write-back that will not pass, for which the
-// request was called off; or the request's own error.
-int CannotWrite(World& world, const vesk::File& to, int error) {
+// Why the copy cannot go on: a signal; a failing write-back that will not pass, for which every
+// request was called off; or `error`, which `what` met.
+int CannotGoOn(const World& world, const vesk::File& to, const std::string& what,
+               const std::string& name, const vesk::File& file, int error) {
   if (world.interrupted_by() != 0) return Interrupted(world);
-  if (error == ECANCELED && to.LastWriteFailure() != 0) error = to.LastWriteFailure();
-  return World::Fail("write", world.options().destination, to, error);
+  if (error == ECANCELED && to.LastWriteFailure() != 0) {
+    return World::Fail("write", world.options().destination, to.LastWriteFailure());
+  }
+  return World::Fail(what, name, file, error);
 }
 
 // The name behind symbolic links, so that a link stays one when its target is replaced.
@@ -64,10 +66,12 @@ int CheckDestination(World& world, const vesk::FileInfo& source, mode_t* permiss
 // The unfinished copy: a file beside the destination, removed unless it took its name.
 class PartialFile {
  public:
-  PartialFile(vesk::Store& store, const std::string& destination)
-      : store_(store), destination_(destination) {}
+  PartialFile(World& world, const std::string& destination)
+      : world_(world), store_(world.store()), destination_(destination) {}
   ~PartialFile() {
-    if (exists_) store_.Remove(name_);
+    if (!exists_) return;
+    const vesk::RequestScope scope(world_.LeavingLimits());
+    if (const int error = store_.Remove(name_)) World::Fail("remove", name_, error);
   }
   PartialFile(const PartialFile&) = delete;
   PartialFile& operator=(const PartialFile&) = delete;
@@ -99,6 +103,7 @@ class PartialFile {
  private:
   static constexpr int kAttempts = 100;
 
+  World& world_;
   vesk::Store& store_;
   const std::string destination_;
   std::string name_;
@@ -115,7 +120,7 @@ int CopyData(World& world, vesk::File& from, vesk::File& to, std::uint64_t size)
     if (world.interrupted_by() != 0) return Interrupted(world);
     if (offset >= extent.end) {
       const int error = world.store().NextData(options.source, offset, &extent);
-      if (error != 0) return World::Fail("read", options.source, error);
+      if (error != 0) return CannotGoOn(world, to, "read", options.source, from, error);
       if (extent.begin >= extent.end) return kExitOk;  // a hole to the end
       offset = extent.begin;
     }
@@ -123,19 +128,28 @@ int CopyData(World& world, vesk::File& from, vesk::File& to, std::uint64_t size)
         std::min<std::uint64_t>(chunk.size(), std::min(extent.end, size) - offset);
     std::size_t count = 0;
     if (const int error = from.ReadAt(chunk.data(), wanted, offset, &count)) {
-      if (world.interrupted_by() != 0) return Interrupted(world);
-      return World::Fail("read", options.source, from, error);
+      return CannotGoOn(world, to, "read", options.source, from, error);
     }
     if (count < wanted) {
       return World::Fail("read", options.source,
                          std::string("The file became shorter while it was copied"));
     }
     if (const int error = to.WriteAt(chunk.data(), count, offset)) {
-      return CannotWrite(world, to, error);
+      return CannotGoOn(world, to, "write", options.destination, to, error);
     }
     offset += count;
   }
   return kExitOk;
+}
+
+// Checks both names and makes the unfinished copy.
+int Prepare(World& world, vesk::FileInfo* source, PartialFile* partial) {
+  const vesk::RequestScope scope(world.NewLimits());
+  if (const int status = world.CheckSource(world.options().source, source)) return status;
+  mode_t permissions = 0;
+  if (const int status = CheckDestination(world, *source, &permissions)) return status;
+  const int error = partial->Create(permissions);
+  return error == 0 ? kExitOk : World::Fail("create", world.options().destination, error);
 }
 
 // A failure that may pass is waited out, said once; any other ends the copy.
@@ -160,11 +174,11 @@ int CopyWhole(World& world, vesk::File& from, vesk::File& to, std::uint64_t size
   if (status == kExitOk) {
     const vesk::RequestScope scope(world.NewLimits());
     if (const int error = to.Close()) {
-      status = CannotWrite(world, to, error);
+      status = CannotGoOn(world, to, "write", destination, to, error);
     } else if (world.interrupted_by() != 0) {
       status = Interrupted(world);
     } else if (const int failed = partial->Finish(size)) {
-      status = World::Fail("complete", destination, failed);
+      status = CannotGoOn(world, to, "complete", destination, to, failed);
     }
   }
   if (status != kExitOk) to.Discard();
@@ -175,14 +189,10 @@ int CopyWhole(World& world, vesk::File& from, vesk::File& to, std::uint64_t size
 
 int Copy(World& world) {
   const Options& options = world.options();
+  PartialFile partial(world, Resolved(options.destination));
   vesk::FileInfo source;
-  if (const int status = world.CheckSource(options.source, &source)) return status;
-  mode_t permissions = 0;
-  if (const int status = CheckDestination(world, source, &permissions)) return status;
-
-  PartialFile partial(world.store(), Resolved(options.destination));
-  if (const int error = partial.Create(permissions)) {
-    return World::Fail("create", options.destination, error);
+  if (const int status = Prepare(world, &source, &partial)) {
+    return world.interrupted_by() != 0 ? 128 + world.interrupted_by() : status;
   }
   const vesk::Services services = world.runtime().services();
   auto from = std::make_unique<vesk::File>(services, options.source, source.size, world.shape());
@@ -192,8 +202,9 @@ int Copy(World& world) {
   if (status == kExitOk && options.stats) {
     world.Report("Copied", source.size, from.get(), to.get());
   }
-  world.Leave(std::move(from));
-  world.Leave(std::move(to));
+  const vesk::RequestScope scope(world.LeavingLimits());
+  from.reset();
+  to.reset();
   return status;
 }
 

@@ -14,10 +14,10 @@ int ListSettings(const Options& options, const vesk::Settings& settings) {
     if (setting.group != group) std::printf("\n[%s]\n", setting.group.c_str());
     group = setting.group;
     const std::string value = vesk::ValueText(setting, settings);
-    std::printf("%s = %s%s\n", setting.name.c_str(), value.empty() ? "\"\"" : value.c_str(),
+    std::printf("# %s (%s%s)\n", setting.help.c_str(), vesk::RangeText(setting).c_str(),
+                setting.live ? ", live" : "");
+    std::printf("%s = \"%s\"%s\n", setting.name.c_str(), value.c_str(),
                 value == vesk::DefaultText(setting) ? "" : "  # not the default");
-    std::printf("    # %s%s; %s\n", setting.help.c_str(), setting.live ? " (live)" : "",
-                vesk::RangeText(setting).c_str());
   }
   return kExitOk;
 }

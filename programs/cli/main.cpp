@@ -23,8 +23,8 @@ int main(int argc, char** argv) {
   using namespace vesk_cli;
   // A file that meets the process's size limit is then an error of its own (EFBIG), not the end.
   signal(SIGXFSZ, SIG_IGN);
+  Options options;
   try {
-    Options options;
     vesk::Settings settings;
     int status = kExitOk;
     if (!ParseOptions(argc, argv, &options, &settings, &status)) return status;
@@ -32,7 +32,7 @@ int main(int argc, char** argv) {
     World world(options, settings);
     return Run(world);
   } catch (const std::invalid_argument& refusal) {  // the store cannot be had as it was asked for
-    PrintUsageError(refusal.what());
+    PrintUsageError(refusal.what(), CommandName(options));
     return kExitUsage;
   } catch (const std::exception& failure) {  // no memory, no threads, no log file to be had
     std::fprintf(stderr, "vesk: %s\n", failure.what());

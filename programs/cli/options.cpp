@@ -13,15 +13,31 @@ constexpr char kFooter[] =
     "wrong; 128 + N ended by signal N. A copy appears under its name only once it is complete and\n"
     "safe on storage.";
 
+constexpr char kStores[] =
+    "A store is a backend (auto, posix, uring, memory), then what stands in front of it, from the\n"
+    "inside out: latency=2ms[:jitter=1ms][:bandwidth=100M], fault=OPERATIONS:ERROR[:every=N]... "
+    "and\n"
+    "retry, as in --store posix,latency=2ms,fault=write:EIO:every=100,retry (docs/operating.md).";
+
 }  // namespace
 
-void PrintUsageError(const std::string& message) {
-  std::cerr << "vesk: " << message << " (see vesk --help)\n";
+void PrintUsageError(const std::string& message, const std::string& where) {
+  std::cerr << "vesk: " << message << " (see " << where << " --help)\n";
+}
+
+std::string CommandName(const Options& options) {
+  switch (options.command) {
+    case Options::Command::kCat: return "vesk cat";
+    case Options::Command::kCopy: return "vesk cp";
+    case Options::Command::kSettings: return "vesk settings";
+  }
+  return "vesk";
 }
 
 bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* settings, int* status) {
   CLI::App app("Reads and copies files through the Vesk block cache.", "vesk");
   app.footer(kFooter);
+  app.set_version_flag("--version", "vesk " VESK_VERSION);
   app.require_subcommand(1);
 
   CLI::App* const cat = app.add_subcommand("cat", "Write a file to standard output");
@@ -32,11 +48,14 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
       ->required();
   for (CLI::App* const command : {cat, copy}) {
     command->add_flag("--stats", options->stats, "Tell on standard error what the cache did");
-    vesk::AddSettings(command, &options->settings_source);
-    command->footer(vesk::SettingsFooter());
   }
-  CLI::App* const table = app.add_subcommand("settings", "List all settings");
+  CLI::App* const table =
+      app.add_subcommand("settings", "List all settings, as a configuration file");
   table->add_flag("--markdown", options->markdown, "As tables for a documentation page");
+  for (CLI::App* const command : {cat, copy, table}) {
+    vesk::AddSettings(command, &options->settings_source);
+    command->footer(vesk::SettingsFooter() + "\n\n" + kStores);
+  }
 
   try {
     app.parse(argc, argv);
@@ -47,11 +66,15 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
     }
     std::cout << app.help();
     return false;
+  } catch (const CLI::CallForVersion& version) {
+    std::cout << version.what() << '\n';
+    return false;
   } catch (const CLI::ParseError& error) {
     const bool unknown = app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-';
-    PrintUsageError(unknown ? std::string("There is no command '") + argv[1] +
-                                  "', only cat, cp and settings"
-                            : vesk::ParseErrorText(app, error));
+    PrintUsageError(
+        unknown ? std::string("There is no command '") + argv[1] + "', only cat, cp and settings"
+                : vesk::ParseErrorText(app, error),
+        "vesk");
     *status = kExitUsage;
     return false;
   }
@@ -59,7 +82,7 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
   if (table->parsed()) options->command = Options::Command::kSettings;
   const std::string refusal = options->settings_source.Load(settings);
   if (refusal.empty()) return true;
-  PrintUsageError(refusal);
+  PrintUsageError(refusal, CommandName(*options));
   *status = kExitUsage;
   return false;
 }

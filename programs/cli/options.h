@@ -30,8 +30,11 @@ constexpr int kExitUsage = 2;   // a setting or the command line is wrong; nothi
 // False: the program is to end with `*status`, help or a message having been printed.
 bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* settings, int* status);
 
-// "vesk: <message> (see vesk --help)" on standard error.
-void PrintUsageError(const std::string& message);
+// "vesk: <message> (see <where> --help)" on standard error.
+void PrintUsageError(const std::string& message, const std::string& where);
+
+// "vesk cp" and the like.
+std::string CommandName(const Options& options);
 
 }  // namespace vesk_cli
 

@@ -70,15 +70,25 @@ World::World(const Options& options, vesk::Settings& settings)
   } else if (options.settings_source.HasFile()) {
     signals_ = std::make_unique<vesk::SignalWatcher>(std::initializer_list<int>{SIGHUP}, handle);
   }
+  const vesk::MutexLock guard(reload_mutex_);
   runtime_ = std::make_unique<vesk::VeskRuntime>(settings);
   begin_ = runtime_->clock().Now();
 }
 
-void World::Leave(std::unique_ptr<vesk::File> file) {
+World::~World() {
+  // From here on nothing is left to be read again: a hangup that comes now changes nothing.
+  if (options_.settings_source.HasFile()) signal(SIGHUP, SIG_IGN);
+  signals_.reset();
+  if (const std::uint64_t lost = runtime_->logger().Dropped()) {
+    std::fprintf(stderr, "vesk: %llu lines could not be written to the log\n",
+                 static_cast<unsigned long long>(lost));
+  }
+}
+
+vesk::RequestLimits World::LeavingLimits() {
   const auto patience =
       std::chrono::milliseconds(settings_.shutdown_timeout_ms.load(std::memory_order_relaxed));
-  const vesk::RequestScope scope({runtime_->clock().Now() + patience, nullptr});
-  file.reset();
+  return {runtime_->clock().Now() + patience, nullptr};
 }
 
 vesk::CacheShape World::shape() const {
@@ -90,15 +100,23 @@ void World::Signalled(int signal_number) {
     ReloadSettings();
     return;
   }
-  if (interrupted_by_.exchange(signal_number) != 0) _exit(128 + signal_number);
-  cancel_.Cancel();
+  const vesk::Clock::Time now = vesk::Clock::System().Now();
+  if (interrupted_by_ == 0) {
+    interrupted_at_ = now;
+    interrupted_by_ = signal_number;
+    cancel_.Cancel();
+  } else if (now - interrupted_at_.load() >= std::chrono::seconds(1)) {
+    // Not sooner: a shell or a supervisor may send the same signal to process and group at once.
+    _exit(128 + signal_number);
+  }
 }
 
 void World::ReloadSettings() {
+  const vesk::MutexLock guard(reload_mutex_);
   for (const std::string& line : options_.settings_source.Reload(&settings_).Lines()) {
     std::fprintf(stderr, "vesk: %s\n", line.c_str());
   }
-  if (runtime_ != nullptr) runtime_->SettingsChanged();
+  runtime_->SettingsChanged();
 }
 
 int World::Fail(const std::string& what, const std::string& name, const std::string& reason) {

@@ -18,6 +18,9 @@ class World {
  public:
   //   Ends in  what VeskRuntime's constructor throws
   World(const Options& options, vesk::Settings& settings);
+  ~World();
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
 
   vesk::VeskRuntime& runtime() { return *runtime_; }
   vesk::Store& store() { return runtime_->store(); }
@@ -28,13 +31,13 @@ class World {
   vesk::RequestLimits NewLimits() { return runtime_->NewLimits(&cancel_); }
 
   // A copy is called off by SIGINT, SIGTERM and SIGHUP, so that it can clean up: the signal, 0:
-  // none. A second one ends the program at once. SIGHUP re-reads the configuration instead where
-  // there is one.
+  // none. A second one, a second or more later, ends the program at once. SIGHUP re-reads the
+  // configuration instead where there is one.
   int interrupted_by() const { return interrupted_by_; }
 
-  // Lets a file go; a store that does not answer holds that up no longer than the setting
-  // shutdown-timeout.
-  void Leave(std::unique_ptr<vesk::File> file);
+  // For cleaning up: a store that does not answer holds that up no longer than the setting
+  // shutdown-timeout, whatever else the command was limited to.
+  vesk::RequestLimits LeavingLimits();
 
   // Calls off every request that has NewLimits, for another reason than a signal.
   void CallOff() { cancel_.Cancel(); }
@@ -63,9 +66,12 @@ class World {
   vesk::Settings& settings_;
   vesk::CancelToken cancel_;
   std::atomic<int> interrupted_by_{0};
-  std::unique_ptr<vesk::SignalWatcher> signals_;  // before all threads, which inherit its mask
-  std::unique_ptr<vesk::VeskRuntime> runtime_;
+  std::atomic<vesk::Clock::Time> interrupted_at_{};
   vesk::Clock::Time begin_;
+  vesk::Mutex reload_mutex_;  // held while the runtime is made, and while settings are read again
+  std::unique_ptr<vesk::VeskRuntime> runtime_;
+  std::unique_ptr<vesk::SignalWatcher>
+      signals_;  // made before all other threads, ended before them
 };
 
 // Bytes that a command moves at a time.

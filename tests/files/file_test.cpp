@@ -315,20 +315,37 @@ class HeldStore : public StubBackend {
     changed_.WakeAll();
   }
 
+  // Ends the job after `older` others, when so many have come, a read with zeros.
+  void EndJob(int older, int result = 0) {
+    vesk::JobQueue before;
+    VeskJob* job = Next();
+    for (; older > 0; --older) {
+      before.Push(job);
+      job = Next();
+    }
+    {
+      const vesk::MutexLock guard(mutex_);
+      before.Take(held_);
+      held_.Take(before);
+    }
+    EndNow(job, result);
+  }
+
   // Ends `count` jobs, when they have come, reads with zeros.
   void EndJobs(int count, int result = 0) {
-    for (; count > 0; --count) {
-      VeskJob* const job = Next();
-      const vesk::Transfer transfer(job->GetOP());
-      if (!transfer.is_write) {
-        std::memset(transfer.data, 0, transfer.length);
-        transfer.StoreCount(transfer.length);
-      }
-      End(job, result);
-    }
+    for (; count > 0; --count) EndNow(Next(), result);
   }
 
  private:
+  void EndNow(VeskJob* job, int result) {
+    const vesk::Transfer transfer(job->GetOP());
+    if (!transfer.is_write) {
+      std::memset(transfer.data, 0, transfer.length);
+      transfer.StoreCount(transfer.length);
+    }
+    End(job, result);
+  }
+
   VeskJob* Next() {
     const vesk::MutexLock guard(mutex_);
     while (held_.Empty()) changed_.Wait(mutex_);
@@ -424,6 +441,118 @@ TEST_F(HeldFileTest, AFileWhoseStoreNeverAnswersIsLeftWithoutWaiting) {
     file.reset();  // its block stays in memory, for the job may still use it
   }
   store_.EndJobs(1);
+}
+
+TEST_F(HeldFileTest, AFailureDuringACloseIsToldThoughAnotherBlockIsWaitedFor) {
+  File file(services_, name_, 0, CacheShape{64, 8, 0});
+  EXPECT_EQ(file.WriteAt(std::string(64, 'a').data(), 64, 0), 0);
+  EXPECT_EQ(file.WriteAt(std::string(64, 'b').data(), 64, 64), 0);
+  std::thread store([&] {
+    store_.EndJob(1, EIO);  // the second block, while the first one is waited for
+    store_.EndJobs(1);
+  });
+  EXPECT_EQ(file.Close(), EIO);
+  store.join();
+}
+
+TEST_F(HeldFileTest, AFailureDuringAFlushThatMeetsItsLimitsIsToldByTheNextOne) {
+  File file(services_, name_, 0, CacheShape{64, 8, 0});
+  EXPECT_EQ(file.WriteAt(std::string(64, 'a').data(), 64, 0), 0);
+  EXPECT_EQ(file.WriteAt(std::string(64, 'b').data(), 64, 64), 0);
+  std::thread time([&] {
+    store_.EndJob(1, ENOSPC);
+    clock_.AwaitWaiters(1);
+    clock_.Advance(std::chrono::seconds(1));
+  });
+  {
+    const vesk::RequestScope scope(In(std::chrono::seconds(1)));
+    EXPECT_EQ(file.Flush(), ETIMEDOUT);
+  }
+  time.join();
+  store_.EndJobs(1);
+  EXPECT_EQ(file.Flush(), ENOSPC);
+  EXPECT_EQ(file.Close(), 0);
+}
+
+// The store's own ETIMEDOUT is a failure like any other, whatever the request's limits.
+TEST_F(HeldFileTest, AStoreThatTimesOutIsNotTakenForTheLimits) {
+  File file(services_, name_, 0, CacheShape{64, 8, 0});
+  EXPECT_EQ(file.WriteAt(std::string(64, 'a').data(), 64, 0), 0);
+  std::thread store([&] { store_.EndJobs(1, ETIMEDOUT); });
+  const vesk::RequestScope scope(In(std::chrono::seconds(1)));
+  EXPECT_EQ(file.Flush(), ETIMEDOUT);
+  store.join();
+  clock_.Advance(std::chrono::seconds(2));
+  EXPECT_EQ(file.Flush(), 0) << "told once";
+  EXPECT_EQ(file.Close(), 0) << "and closed, though the deadline has passed: nothing is waited for";
+  EXPECT_EQ(file.Flush(), EBADF);
+}
+
+TEST_F(HeldFileTest, AFileMayBeClosedWhileAReaderWaits) {
+  File file(services_, name_, 64 * 10, CacheShape{64, 8, 0});
+  std::thread reader([&] {
+    std::string bytes(64, '?');
+    std::size_t moved = 0;
+    const int error = file.ReadAt(bytes.data(), bytes.size(), 0, &moved);
+    EXPECT_TRUE(error == 0 || error == EBADF) << error;
+  });
+  std::thread closer([&] {
+    while (bundler_.dispatcher().GetStats().reads.ended == 0 &&
+           bundler_.dispatcher().GetStats().depth == 0) {
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(file.Close(), 0);
+  });
+  store_.EndJobs(1);
+  closer.join();
+  reader.join();
+}
+
+TEST_F(HeldFileTest, WhatFailsAfterADiscardIsNotKept) {
+  vesk::Settings settings;
+  HeldStore store;
+  vesk::RetryDecorator retry(store, settings, clock_, 1);
+  vesk::VeskBundler bundler(retry, clock_);
+  File file({bundler, clock_, nullptr, &retry}, name_, 0, CacheShape{64, 8, 0});
+  EXPECT_EQ(file.WriteAt(std::string(64, 'a').data(), 64, 0), 0);
+  EXPECT_EQ(file.WriteAt(std::string(64, 'b').data(), 64, 64), 0);  // ships the first block
+  file.Discard();
+  store.EndJobs(1, EIO);  // its first try
+  EXPECT_EQ(retry.GetParked().jobs, 0u);
+  EXPECT_EQ(file.Close(), EIO);
+}
+
+TEST_F(FailingFileTest, ABlockWhoseWriteFailedTakesTheNextWrite) {
+  Put("");
+  File file(services_, name_, 0, CacheShape{64, 8, 0});
+  EXPECT_EQ(file.WriteAt(std::string(64, 'a').data(), 64, 0), 0);
+  backend_.failing_writes = 2;
+  EXPECT_EQ(file.WriteAt(std::string(64, 'b').data(), 64, 64), 0);  // ships the first block
+  EXPECT_EQ(file.Flush(), EIO);
+  for (const std::uint64_t at : {64u, 0u}) {
+    EXPECT_EQ(file.WriteAt(std::string(64, 'c').data(), 64, at), 0);
+  }
+  EXPECT_FALSE(file.Broken());
+  EXPECT_EQ(file.Close(), 0);
+  EXPECT_EQ(Get(), std::string(128, 'c'));
+}
+
+TEST_F(FailingFileTest, ABlockWhoseReadFailedTakesAWriteAndLosesNoOther) {
+  Put(Content(64 * 100));
+  File file(services_, name_, 64 * 100, CacheShape{64, 8, 0});
+  EXPECT_EQ(file.WriteAt("dirty", 5, 64 * 50), 0);
+  backend_.failing_reads = 2;
+  Read(file, 64 * 20, 64, EIO);
+  Read(file, 0, 64, EIO);
+  EXPECT_EQ(file.WriteAt("new", 3, 64 * 20), 0);
+  EXPECT_EQ(file.WriteAt("new", 3, 0), 0);
+  EXPECT_EQ(Read(file, 64 * 20, 64), "new" + Content(64 * 100).substr(64 * 20 + 3, 61));
+  EXPECT_FALSE(file.Broken());
+  EXPECT_EQ(file.Flush(), EIO) << "it may have been a write-back that the reader met";
+  EXPECT_EQ(file.Close(), 0);
+  std::string expected = Content(64 * 100);
+  expected.replace(64 * 50, 5, "dirty").replace(64 * 20, 3, "new").replace(0, 3, "new");
+  EXPECT_EQ(Get(), expected);
 }
 
 // A store that is out of order for a while, behind the retry decorator.

@@ -100,6 +100,7 @@ std::string OtherText(const Setting& setting) {
   if (setting.least != setting.most) return std::to_string(setting.least + 1);
   if (!setting.choices.empty())
     return setting.choices[setting.choices[0] == vesk::DefaultText(setting) ? 1 : 0];
+  if (setting.check) return "posix,fault=read:EIO:name=some thing # else,retry";
   return setting.text != nullptr ? "some thing, # else" : "trace,error";
 }
 
@@ -182,8 +183,8 @@ TEST_F(SettingsSourceTest, NamesTheOptionOfAWrongValue) {
 
 TEST_F(SettingsSourceTest, TakesTextsAsTheyAre) {
   for (const char* const text : {"[a,b]", "{}", "a b", "", "-", "\"x\"", "#", "a=b"}) {
-    EXPECT_EQ(Start({"--store", text}), "") << text;
-    EXPECT_EQ(Value("store"), text);
+    EXPECT_EQ(Start({"--log-file", text}), "") << text;
+    EXPECT_EQ(Value("log-file"), text);
   }
 }
 
@@ -255,7 +256,7 @@ TEST_F(SettingsSourceTest, ReadsAFileAsPeopleWriteThem) {
   EXPECT_EQ(StartWith("# a comment = 1\n"
                       "\n"
                       "   \t \n"
-                      "store = 'posix latency=5ms, x' # behind a value\r\n"
+                      "store = 'posix,latency=5ms' # behind a value\r\n"
                       "\"threads\" = 7\r\n"
                       "[cache] # behind a table\r\n"
                       "  block-size=\"1M\"\r\n"
@@ -268,7 +269,7 @@ TEST_F(SettingsSourceTest, ReadsAFileAsPeopleWriteThem) {
                       "[cache]\n"
                       "read-ahead = 0"),
             "");
-  EXPECT_EQ(Value("store"), "posix latency=5ms, x");
+  EXPECT_EQ(Value("store"), "posix,latency=5ms");
   EXPECT_EQ(Value("threads"), "7");
   EXPECT_EQ(Value("block-size"), "1M");
   EXPECT_EQ(Value("max-blocks"), "5");

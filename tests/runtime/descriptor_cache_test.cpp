@@ -4,12 +4,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "tests/support/temporary_directory.h"
 
@@ -122,6 +125,24 @@ TEST_F(DescriptorCacheTest, ForgettingANameLeavesItsNeighboursAlone) {
   cache_.Forget(directory_ / "a");
   EXPECT_EQ(Find("a"), nullptr);
   EXPECT_NE(Find("ab"), nullptr);
+}
+
+// Opening takes time, in which a name may come to stand for another file: such a descriptor serves
+// its job and is not kept. A FIFO is open for reading when somebody opens it for writing.
+TEST_F(DescriptorCacheTest, DoesNotKeepWhatWasForgottenWhileItWasOpened) {
+  const std::string fifo = directory_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::thread opener([&] {
+    std::shared_ptr<const vesk::Descriptor> descriptor;
+    EXPECT_EQ(cache_.Get({fifo, vesk::OpenFor::kRead}, &descriptor), 0);
+    EXPECT_NE(descriptor, nullptr);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // time for the open to begin
+  cache_.Forget(fifo);
+  const int writer = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+  opener.join();
+  close(writer);
+  EXPECT_EQ(cache_.Find({fifo, vesk::OpenFor::kRead}), nullptr);
 }
 
 }  // namespace

@@ -2,10 +2,16 @@
 
 #include "runtime/runtime.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -24,6 +30,7 @@ namespace vesk_test {
 namespace {
 
 using vesk::Settings;
+using vesk::VeskJob;
 using vesk::VeskRuntime;
 
 class RuntimeTest : public ::testing::Test {
@@ -160,6 +167,29 @@ TEST_F(RuntimeTest, AStoreThatNeverAnswersDoesNotHoldItsEndUp) {
   EXPECT_EQ(job->GetReturnValue(), ESHUTDOWN);
 }
 
+// Opening a FIFO that nobody writes to hangs inside the system, as a dead network file system does.
+TEST_F(RuntimeTest, AStoreThatHangsInsideTheSystemDoesNotHoldItsEndUp) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  const std::string fifo = directory_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  settings_.store = "posix";
+  settings_.shutdown_timeout_ms = 20;
+  settings_.log_stderr = true;
+  settings_.log_levels = vesk::kLogError;
+  EXPECT_EXIT(
+      {
+        auto runtime = std::make_unique<VeskRuntime>(settings_);
+        unsigned char memory[64];
+        unsigned int count = 0;
+        VeskJob* const job = NewRead(fifo, memory, sizeof memory, 0, &count);
+        runtime->bundler().SubmitJob(job);
+        const bool all_ended = runtime->Stop();
+        runtime.reset();
+        _exit(all_ended ? 1 : 0);
+      },
+      ::testing::ExitedWithCode(0), "1 jobs are stuck in the store at the end");
+}
+
 TEST_F(RuntimeTest, ParkedWritesEndWithAClearCodeAtTheEnd) {
   settings_.store = "posix,fault=write:EIO,retry";
   settings_.shutdown_timeout_ms = 20;
@@ -181,6 +211,106 @@ TEST_F(RuntimeTest, LogLevelsChangeWhileItRuns) {
   runtime.logger().Info({"test", 2}, "kept\n");
   EXPECT_EQ(Log().find("not kept"), std::string::npos);
   EXPECT_NE(Log().find("test:2 kept"), std::string::npos);
+}
+
+// Every setting reaches what it is for.
+class SettingsReachTest : public RuntimeTest {
+ protected:
+  static std::size_t EntriesOf(const char* directory) {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory),
+                                                  std::filesystem::directory_iterator()));
+  }
+
+  // Descriptors that are open on files of the test's directory.
+  std::vector<int> OpenFiles() const {
+    std::vector<int> open_files;
+    for (int fd = 0; fd < 1024; ++fd) {
+      std::error_code gone;
+      const auto target =
+          std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), gone);
+      if (!gone && target.string().rfind(directory_ / "", 0) == 0) open_files.push_back(fd);
+    }
+    return open_files;
+  }
+
+  std::size_t Count(const std::string& text) const {
+    const std::string log = Log();
+    std::size_t count = 0;
+    for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+      ++count;
+    }
+    return count;
+  }
+};
+
+TEST_F(SettingsReachTest, ThreadsOfStoreAndReaper) {
+  settings_.store = "posix";
+  const std::size_t before = EntriesOf("/proc/self/task");
+  settings_.threads = 7;
+  settings_.reaper_threads = 3;
+  const VeskRuntime runtime(settings_);
+  EXPECT_EQ(EntriesOf("/proc/self/task"), before + 10);
+}
+
+TEST_F(SettingsReachTest, DescriptorsKeptOpen) {
+  settings_.store = "posix";
+  settings_.descriptors = 2;
+  VeskRuntime runtime(settings_);
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(runtime.store().Create(name_ + std::to_string(i), 0600), 0);
+    ASSERT_EQ(runtime.store().Open(name_ + std::to_string(i), vesk::Access::kRead), 0);
+  }
+  EXPECT_EQ(OpenFiles().size(), 2u);
+}
+
+TEST_F(SettingsReachTest, DirectTransfers) {
+  std::ofstream(name_) << std::string(8192, 'x');
+  settings_.store = "posix";
+  settings_.direct = true;
+  VeskRuntime runtime(settings_);
+  std::vector<char> memory(4096);
+  unsigned int count = 0;
+  const JobHolder job(NewRead(name_, memory.data(), 4096, 4096, &count));
+  runtime.bundler().SubmitJob(job.get());
+  runtime.bundler().WaitForJob(job.get(), nullptr, "Read");
+  EXPECT_EQ(job->GetReturnValue(), 0);
+  EXPECT_EQ(memory, std::vector<char>(4096, 'x'));
+  const std::vector<int> open_files = OpenFiles();
+  ASSERT_EQ(open_files.size(), 1u);
+  EXPECT_NE(fcntl(open_files[0], F_GETFL) & O_DIRECT, 0);
+}
+
+TEST_F(SettingsReachTest, LinesAndLevelsKeptInMemory) {
+  settings_.log_file = directory_ / "log";
+  settings_.log_ring_lines = 3;
+  settings_.log_ring_levels = vesk::kLogTrace;
+  VeskRuntime runtime(settings_);
+  for (int i = 0; i < 10; ++i) runtime.logger().Trace({"test", i}, "kept\n");
+  runtime.logger().Info({"test", 20}, "kept\n");
+  runtime.logger().DumpRing("asked for");
+  EXPECT_EQ(Count(" kept"), 3u);
+  settings_.log_ring_levels = vesk::kLogInfo;
+  runtime.SettingsChanged();
+  runtime.logger().Trace({"test", 21}, "kept\n");
+  runtime.logger().Info({"test", 22}, "kept\n");
+  runtime.logger().DumpRing("asked for");
+  EXPECT_EQ(Count(" kept"), 4u);
+}
+
+TEST_F(SettingsReachTest, SizeCountAndFormOfLogFiles) {
+  settings_.log_file = directory_ / "log";
+  settings_.log_file_size = 4096;
+  settings_.log_file_count = 2;
+  settings_.log_format = vesk::LogFormat::kJson;
+  settings_.log_levels = vesk::kLogInfo;
+  {
+    VeskRuntime runtime(settings_);
+    for (int i = 0; i < 200; ++i) runtime.logger().Info({"test", i}, "line\n");
+  }
+  EXPECT_TRUE(std::filesystem::exists(directory_ / "log.1"));
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "log.2"));
+  EXPECT_LE(std::filesystem::file_size(directory_ / "log"), 4096u + 512);
+  EXPECT_EQ(Log().front(), '{');
 }
 
 TEST_F(RuntimeTest, RequestsHaveTheTimeThatTheSettingSays) {

@@ -139,7 +139,7 @@ TEST(SettingTableTest, StoresEachValueInAFieldOfItsOwn) {
   for (const Setting& changed : SettingTable()) {
     SCOPED_TRACE(changed.name);
     Settings settings;
-    std::string text = "other";
+    std::string text = changed.check ? "posix,retry" : "other";
     if (changed.least != changed.most) text = std::to_string(changed.least + 1);
     if (!changed.choices.empty())
       text = changed.choices[changed.choices[0] == DefaultText(changed) ? 1 : 0];
@@ -267,9 +267,15 @@ TEST(SettingTextTest, RefusesTextsThatWouldSpoilALine) {
   EXPECT_EQ(Told("store", std::string("a\0b", 3)), "'a\\x00b' has a control character in it");
   EXPECT_EQ(Told("log-levels", "info\x1b[31m"), "'info\\x1b[31m' has a control character in it");
   EXPECT_EQ(Told("threads", "3\n"), "'3\\x0a' has a control character in it");
-  EXPECT_EQ(Told("store", std::string(4096, 'x')), std::string(4096, 'x'));
-  EXPECT_EQ(Told("store", std::string(4097, 'x')),
+  EXPECT_EQ(Told("log-file", std::string(4096, 'x')), std::string(4096, 'x'));
+  EXPECT_EQ(Told("log-file", std::string(4097, 'x')),
             '\'' + std::string(100, 'x') + "...' is too long: at most 4096 bytes");
+}
+
+TEST(SettingTextTest, RefusesAStoreThatCannotBeUnderstood) {
+  EXPECT_EQ(Told("store", "posix,latency=2ms,retry"), "posix,latency=2ms,retry");
+  EXPECT_EQ(Told("store", "posix,retyr"),
+            "unknown decorator 'retyr'; did you mean 'retry'? known: fault, latency, retry");
 }
 
 TEST(SettingTextTest, LeavesTheValueAloneWhenItRefuses) {
@@ -387,8 +393,8 @@ TEST(SettingsMarkdownTest, HasOneRowForEachSettingInTheTableOfItsGroup) {
   std::string group;
   std::set<std::string> groups;
   for (const std::string& line : Lines(vesk::SettingsMarkdown())) {
-    if (Begins(line, "## ")) {
-      group = line.substr(3);
+    if (Begins(line, "### ")) {
+      group = line.substr(4);
       EXPECT_TRUE(groups.insert(group).second) << group << " is split";
     }
     if (!line.empty() && line.front() == '|') {

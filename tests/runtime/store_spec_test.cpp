@@ -183,11 +183,10 @@ TEST(ParseStoreSpecTest, SaysWhatIsWrongAndWhatWouldBeRight) {
       "ENAMETOOLONG, ENETDOWN, ENETRESET, ENETUNREACH, ENFILE, ENOBUFS, ENODEV, ENOENT, ENOLCK, "
       "ENOMEM, ENOSPC, ENOSYS, ENOTCONN, ENOTDIR, ENOTSUP, ENXIO, EPERM, EPIPE, EREMOTEIO, EROFS, "
       "ESHUTDOWN, ESTALE, ETIMEDOUT, ETXTBSY, EXDEV";
-  EXPECT_EQ(
-      Refusal("posix,fault=read:EIOO"),
-      "store: fault: unknown effect 'EIOO'; did you mean 'EIO'? known: never, short, " + errors);
+  EXPECT_EQ(Refusal("posix,fault=read:EIOO"),
+            "fault: unknown effect 'EIOO'; did you mean 'EIO'? known: never, short, " + errors);
   EXPECT_EQ(Refusal("posix,fault=read:5"),
-            "store: fault: unknown effect '5'; known: never, short, " + errors);
+            "fault: unknown effect '5'; known: never, short, " + errors);
   // clang-format off
   const Row rows[] = {
       // the backend
@@ -265,16 +264,15 @@ TEST(ParseStoreSpecTest, SaysWhatIsWrongAndWhatWouldBeRight) {
       {"posix,retry:times=3",    "retry: unknown key 'times'; known: seed"},
   };
   // clang-format on
-  for (const Row& row : rows) EXPECT_EQ(Refusal(row.text), std::string("store: ") + row.why);
+  for (const Row& row : rows) EXPECT_EQ(Refusal(row.text), row.why);
 }
 
 TEST(ParseStoreSpecTest, LongTextsAreRefusedBriefly) {
-  EXPECT_EQ(Refusal(std::string(4097, 'a')),
-            "store: the description is too long: at most 4096 bytes");
+  EXPECT_EQ(Refusal(std::string(4097, 'a')), "the description is too long: at most 4096 bytes");
   std::string many = "posix";
   for (int i = 0; i < 16; ++i) many += ",retry";
   EXPECT_EQ(Parsed(many).decorators.size(), 16u);
-  EXPECT_EQ(Refusal(many + ",retry"), "store: too many decorators: at most 16");
+  EXPECT_EQ(Refusal(many + ",retry"), "too many decorators: at most 16");
   for (const char filler : {'a', ':', '=', '+'}) {
     for (const char* before :
          {"", "posix,", "posix,latency=", "posix,fault=", "posix,fault=read:"}) {
@@ -339,7 +337,7 @@ TEST(ParseStoreSpecTest, AnyTextIsEitherRightOrRefusedOnOneLine) {
       EXPECT_EQ(why, "");
       continue;
     }
-    EXPECT_EQ(why.rfind("store: ", 0), 0u) << why;
+    EXPECT_FALSE(why.empty());
     EXPECT_GT(why.size(), 15u);
     EXPECT_EQ(why.find_first_of(std::string("\n\0", 2)), std::string::npos) << why;
     EXPECT_TRUE(spec.decorators.empty());
