@@ -102,62 +102,69 @@ vesk::FaultRule FaultThatNeverFires() {
   return rule;
 }
 
+void OnPosix(Stack& stack) { stack.On<ThreadsBackend>(ThreadsBackend::Options{}); }
+void OnMemory(Stack& stack) { stack.On<MemoryBackend>(); }
+#ifdef VESK_HAVE_URING
+void OnUring(Stack& stack) { stack.On<vesk::UringBackend>(vesk::UringBackend::Options{}); }
+#endif
+
+void BehindLatency(Stack& stack) {
+  vesk::LatencyDecorator::Options slow;
+  slow.fixed = std::chrono::microseconds(50);
+  slow.jitter = std::chrono::microseconds(50);
+  stack.Behind<vesk::LatencyDecorator>(slow, Clock::System());
+}
+void BehindFaults(Stack& stack) {
+  stack.Behind<vesk::FaultsDecorator>(std::vector{FaultThatNeverFires()}, Clock::System());
+}
+void BehindRetry(Stack& stack) {
+  stack.Behind<vesk::RetryDecorator>(NothingParked(), Clock::System(), 1U);
+}
+
+using Layers = std::vector<void (*)(Stack&)>;
+
 // One line a case: a store, and what is in front of it. The suite asks nothing of the disk, only of
 // the store.
 struct BackendCase {
   const char* name;
-  std::function<void(Stack&)> build;
+  Layers layers;                                  // the store first
   std::function<int()> probe = [] { return 0; };  // why this machine cannot have it, as errno
 };
 
 // NOLINTNEXTLINE(cert-err58-cpp): nothing to catch it with before main
 const BackendCase kCases[] = {
-    {"posix", [](Stack& s) { s.On<ThreadsBackend>(ThreadsBackend::Options{}); }},
-    {"posix_direct",
-     [](Stack& s) {
+    {"posix", {OnPosix}},
+    {"posix_direct", {[](Stack& s) {
        s.On<ThreadsBackend>(ThreadsBackend::Options{2, {64, true}});
-     }},
-    {"posix_few",
-     [](Stack& s) {
+     }}},
+    {"posix_few", {[](Stack& s) {
        s.On<ThreadsBackend>(ThreadsBackend::Options{1, {1, false}});
-     }},
-    {"memory", [](Stack& s) { s.On<MemoryBackend>(); }},
-    {"memory_over_posix",
-     [](Stack& s) {
-       s.On<ThreadsBackend>(ThreadsBackend::Options{});
-       s.On<MemoryBackend>(&s.top());
-     }},
-    {"latency",
-     [](Stack& s) {
-       vesk::LatencyDecorator::Options slow;
-       slow.fixed = std::chrono::microseconds(50);
-       slow.jitter = std::chrono::microseconds(50);
-       s.On<ThreadsBackend>(ThreadsBackend::Options{})
-           .Behind<vesk::LatencyDecorator>(slow, Clock::System());
-     }},
-    {"faults",
-     [](Stack& s) {
-       s.On<ThreadsBackend>(ThreadsBackend::Options{})
-           .Behind<vesk::FaultsDecorator>(std::vector{FaultThatNeverFires()}, Clock::System());
-     }},
-    {"retry",
-     [](Stack& s) {
-       s.On<ThreadsBackend>(ThreadsBackend::Options{})
-           .Behind<vesk::RetryDecorator>(NothingParked(), Clock::System(), 1U);
-     }},
+     }}},
+    {"memory", {OnMemory}},
+    {"memory_over_posix", {OnPosix, [](Stack& s) { s.On<MemoryBackend>(&s.top()); }}},
+    {"latency", {OnPosix, BehindLatency}},
+    {"latency_over_memory", {OnMemory, BehindLatency}},
+    {"faults", {OnPosix, BehindFaults}},
+    {"faults_over_memory", {OnMemory, BehindFaults}},
+    {"retry", {OnPosix, BehindRetry}},
+    {"retry_over_memory", {OnMemory, BehindRetry}},
+    {"retry_over_faults_over_latency", {OnPosix, BehindLatency, BehindFaults, BehindRetry}},
+    {"latency_over_retry", {OnPosix, BehindRetry, BehindLatency}},
 #ifdef VESK_HAVE_URING
-    {"uring", [](Stack& s) { s.On<vesk::UringBackend>(vesk::UringBackend::Options{}); },
-     vesk::UringBackend::Probe},
+    {"uring", {OnUring}, vesk::UringBackend::Probe},
     {"uring_direct",
-     [](Stack& s) {
+     {[](Stack& s) {
        s.On<vesk::UringBackend>(vesk::UringBackend::Options{16, {64, true}});
-     },
+     }},
      vesk::UringBackend::Probe},
     {"uring_few",
-     [](Stack& s) {
+     {[](Stack& s) {
        s.On<vesk::UringBackend>(vesk::UringBackend::Options{2, {1, false}});
-     },
+     }},
      vesk::UringBackend::Probe},
+    {"latency_over_uring", {OnUring, BehindLatency}, vesk::UringBackend::Probe},
+    {"faults_over_uring", {OnUring, BehindFaults}, vesk::UringBackend::Probe},
+    {"retry_over_uring", {OnUring, BehindRetry}, vesk::UringBackend::Probe},
 #endif
 };
 
@@ -199,7 +206,7 @@ class BackendTest : public ::testing::TestWithParam<std::tuple<BackendCase, By>>
       GTEST_SKIP() << tested.name << " is not to be had here: " << std::strerror(error);
     }
     stack_ = std::make_unique<Stack>();
-    tested.build(*stack_);
+    for (const auto layer : tested.layers) layer(*stack_);
     bundler_ = std::make_unique<VeskBundler>(stack_->top());
   }
 

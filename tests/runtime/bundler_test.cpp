@@ -1,6 +1,8 @@
 // The dispatcher: when jobs start, who runs them, what a wait gives up, and how an end is told.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/mman.h>
 
 #include <atomic>
 #include <cerrno>
@@ -11,9 +13,11 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "runtime/dispatcher.h"
+#include "runtime/name_operation.h"
 #include "runtime/request.h"
 #include "tests/support/jobs.h"
 #include "tests/support/manual_clock.h"
@@ -62,6 +66,41 @@ class ScriptedBackend : public StubBackend {
   std::function<void(VeskJob*)> on_start;
   std::function<void(VeskJob*)> on_run = [this](VeskJob* job) { End(job, 0); };
   std::function<void(int)> on_cancel;
+};
+
+// Does `work` on a thread whose stack nobody can touch once it has ended: what still points there
+// is found out.
+class ThreadOfALostStack {
+ public:
+  explicit ThreadOfALostStack(std::function<void()> work) : work_(std::move(work)) {
+    stack_ = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    EXPECT_NE(stack_, MAP_FAILED);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    EXPECT_EQ(pthread_attr_setstack(&attributes, stack_, kBytes), 0);
+    EXPECT_EQ(pthread_create(&thread_, &attributes, Work, this), 0);
+    pthread_attr_destroy(&attributes);
+  }
+  ~ThreadOfALostStack() { munmap(stack_, kBytes); }
+  ThreadOfALostStack(const ThreadOfALostStack&) = delete;
+  ThreadOfALostStack& operator=(const ThreadOfALostStack&) = delete;
+
+  void Join() {
+    EXPECT_EQ(pthread_join(thread_, nullptr), 0);
+    EXPECT_EQ(mprotect(stack_, kBytes, PROT_NONE), 0);
+  }
+
+ private:
+  static constexpr std::size_t kBytes = std::size_t{1} << 20;
+
+  static void* Work(void* self) {
+    static_cast<ThreadOfALostStack*>(self)->work_();
+    return nullptr;
+  }
+
+  const std::function<void()> work_;
+  void* stack_;
+  pthread_t thread_ = {};
 };
 
 class BundlerTest : public ::testing::Test {
@@ -309,28 +348,30 @@ class LimitedWaitTest : public BundlerTest {
  protected:
   // Waits under `limits` for a job that nobody has ended; the job must still be in flight then.
   void WaitInVain(const RequestLimits& limits) {
-    const auto job = Read();
+    in_vain_ = Read();
+    VeskJob* const job = in_vain_->get();
     lock_.lock();
-    manual_.SubmitJob(job->get());
+    manual_.SubmitJob(job);
     {
       const RequestScope scope(limits);
-      manual_.WaitForJob(job->get(), &lock_, "Read");
+      manual_.WaitForJob(job, &lock_, "Read");
       exceeded_ = RequestScope::Exceeded(clock_);
     }
-    EXPECT_NE(job->get()->GetJobState(), vesk::JOB_STATE_DONE);
+    EXPECT_NE(job->GetJobState(), vesk::JOB_STATE_DONE);
     EXPECT_TRUE(lock_backend_.run.empty()) << "run where nothing could call it back";
-    EXPECT_EQ(lock_backend_.started, std::vector<VeskJob*>{job->get()});
+    EXPECT_EQ(lock_backend_.started, std::vector<VeskJob*>{job});
     lock_.unlock();
     const vesk::DispatcherStats::Waits waits = manual_.dispatcher().GetStats().waits.at("Read");
     EXPECT_EQ(waits.count, 1u);
     EXPECT_EQ(waits.given_up, 1u);
-    lock_backend_.End(job->get(), 0);
+    lock_backend_.End(job, 0);
   }
 
   ManualClock clock_;
   ScriptedBackend lock_backend_;
   VeskBundler manual_{lock_backend_, clock_};
   int exceeded_ = 0;
+  std::unique_ptr<JobHolder> in_vain_;  // alive until whoever ends the wait has let go of it
 };
 
 TEST_F(LimitedWaitTest, ADeadlineEndsAWait) {
@@ -388,6 +429,40 @@ TEST_F(LimitedWaitTest, OneCancelEndsTheWaitsOfManyThreads) {
   for (const int i : {0, 1, 3, 4}) {
     lock_backend_.End(jobs[static_cast<std::size_t>(i)]->get(), 0);
   }
+}
+
+// Touching the first waiter ends the program: its stack and its job are gone.
+TEST_F(LimitedWaitTest, ATokenForgetsAWaitThatHasEnded) {
+  CancelToken token;
+  auto first = Read();
+  manual_.SubmitJob(first->get());
+  ThreadOfALostStack waiter([&] {
+    const RequestScope scope({vesk::Clock::kNever, &token});
+    manual_.WaitForJob(first->get(), nullptr, "Read-ended");
+  });
+  clock_.AwaitWaiters(1);
+  lock_backend_.End(first->get(), 0);
+  waiter.Join();
+  first.reset();
+
+  const auto second = Read();
+  manual_.SubmitJob(second->get());
+  std::thread next([&] {
+    const RequestScope scope({vesk::Clock::kNever, &token});
+    manual_.WaitForJob(second->get(), nullptr, "Read-cancelled");
+  });
+  clock_.AwaitWaiters(1);
+  token.Cancel();
+  next.join();
+  token.Cancel();  // nobody waits
+  {
+    const RequestScope scope({vesk::Clock::kNever, &token});
+    manual_.WaitForJob(second->get(), nullptr, "Read-cancelled");
+  }
+  lock_backend_.End(second->get(), 0);
+  const auto waits = manual_.dispatcher().GetStats().waits;
+  EXPECT_EQ(waits.at("Read-ended").given_up, 0u);
+  EXPECT_EQ(waits.at("Read-cancelled").given_up, 2u);
 }
 
 TEST_F(LimitedWaitTest, AJobThatEndsInTimeEndsTheWaitWell) {
@@ -471,6 +546,106 @@ TEST_F(BundlerTest, CountsJobsByKindAndWaitsByTag) {
   EXPECT_EQ(stats.max_depth, 4u);
   ASSERT_EQ(stats.waits.size(), 1u);
   EXPECT_EQ(stats.waits.at("Flush").count, 1u);
+}
+
+TEST_F(BundlerTest, CountsOperationsOnNamesApartFromTransfers) {
+  const JobHolder good(vesk::NewNameJob(vesk::OPCODE_SYNC, "f"));
+  const JobHolder bad(vesk::NewNameJob(vesk::OPCODE_REMOVE, "f"));
+  bundler_.SubmitJob(good.get());
+  bundler_.SubmitJob(bad.get());
+  EXPECT_EQ(bundler_.dispatcher().GetStats().depth, 2u);
+  End(good.get(), 0);
+  End(bad.get(), ENOENT);
+
+  const vesk::DispatcherStats stats = bundler_.dispatcher().GetStats();
+  EXPECT_EQ(stats.names.ended, 2u);
+  EXPECT_EQ(stats.names.failed, 1u);
+  EXPECT_EQ(stats.names.bytes, 0u);
+  for (const vesk::DispatcherStats::Jobs* transfers : {&stats.reads, &stats.writes}) {
+    EXPECT_EQ(transfers->ended, 0u);
+    EXPECT_EQ(transfers->failed, 0u);
+    EXPECT_EQ(transfers->latency.max, 0u);
+  }
+}
+
+// A hundred jobs of a kind, two of which are large and late.
+class DistributionTest : public LimitedWaitTest {
+ protected:
+  static constexpr std::uint64_t kMillisecond = 1000000;
+
+  // `make` is given the bytes that the job is to move, and count_ holds them when it ends.
+  void EndTwoOfAHundredLate(const std::function<VeskJob*(unsigned int bytes)>& make) {
+    std::vector<std::unique_ptr<JobHolder>> jobs;
+    const auto submit = [&](unsigned int bytes) {
+      jobs.push_back(std::make_unique<JobHolder>(make(bytes)));
+      manual_.SubmitJob(jobs.back()->get());
+    };
+    for (std::size_t i = 0; i < kQuick; ++i) submit(100);
+    submit(3000);
+    submit(70000);
+    ExpectDepth(100);
+
+    clock_.Advance(std::chrono::milliseconds(1));
+    count_ = 100;
+    for (std::size_t i = 0; i < kQuick; ++i) lock_backend_.End(jobs[i]->get(), 0);
+    ExpectDepth(2);
+    clock_.Advance(std::chrono::milliseconds(49));
+    count_ = 3000;
+    lock_backend_.End(jobs[kQuick]->get(), 0);
+    ExpectDepth(1);
+    clock_.Advance(std::chrono::milliseconds(150));
+    count_ = 70000;
+    lock_backend_.End(jobs[kQuick + 1]->get(), 0);
+    ExpectDepth(0);
+  }
+
+  void ExpectLatencyOfThem(const vesk::DispatcherStats::Jobs& kind) {
+    EXPECT_EQ(kind.ended, 100u);
+    Expect(kind.latency, 1 * kMillisecond, 50 * kMillisecond, 200 * kMillisecond);
+  }
+  void ExpectSizeOfThem(const vesk::DispatcherStats::Jobs& kind) {
+    EXPECT_EQ(kind.bytes, 98u * 100 + 3000 + 70000);
+    Expect(kind.size, 100, 3000, 70000);
+  }
+
+  vesk::DispatcherStats Stats() { return manual_.dispatcher().GetStats(); }
+
+ private:
+  static constexpr std::size_t kQuick = 98;
+
+  void ExpectDepth(std::uint64_t depth) {
+    EXPECT_EQ(Stats().depth, depth);
+    EXPECT_EQ(Stats().max_depth, 100u);
+  }
+
+  // A percentile is exact to 12.5 %.
+  static void Expect(const vesk::Distribution& told, std::uint64_t p50, std::uint64_t p99,
+                     std::uint64_t max) {
+    EXPECT_GE(told.p50, p50);
+    EXPECT_LE(told.p50, p50 + p50 / 8);
+    EXPECT_GE(told.p99, p99);
+    EXPECT_LE(told.p99, p99 + p99 / 8);
+    EXPECT_EQ(told.max, max);
+  }
+};
+
+TEST_F(DistributionTest, TellsTheFewSlowReadsFromTheMany) {
+  EndTwoOfAHundredLate(
+      [this](unsigned int bytes) { return NewRead("f", nullptr, bytes, 0, &count_); });
+  ExpectLatencyOfThem(Stats().reads);
+  ExpectSizeOfThem(Stats().reads);
+}
+
+TEST_F(DistributionTest, TellsTheFewSlowWritesFromTheMany) {
+  EndTwoOfAHundredLate([](unsigned int bytes) { return NewWrite("f", nullptr, bytes, 0); });
+  ExpectLatencyOfThem(Stats().writes);
+  ExpectSizeOfThem(Stats().writes);
+}
+
+TEST_F(DistributionTest, TellsTheFewSlowOperationsOnNamesFromTheMany) {
+  EndTwoOfAHundredLate(
+      [](unsigned int /*bytes*/) { return vesk::NewNameJob(vesk::OPCODE_SYNC, "f"); });
+  ExpectLatencyOfThem(Stats().names);
 }
 
 TEST_F(LimitedWaitTest, LatencyIsFromSubmissionToEndAndWaitsAreTimed) {
@@ -557,6 +732,33 @@ TEST_F(ShutdownTest, NoJobStartsAfterIt) {
   EXPECT_EQ(held_back->get()->GetReturnValue(), ESHUTDOWN);
   EXPECT_TRUE(lock_backend_.started.empty());
   EXPECT_TRUE(lock_backend_.run.empty());
+}
+
+TEST_F(ShutdownTest, NoJobStartsWhileItWaitsForOthers) {
+  const auto in_flight = Read();
+  manual_.SubmitJob(in_flight->get());
+  std::future<bool> ended = std::async(std::launch::async, [&] {
+    return manual_.dispatcher().Shutdown(vesk::Clock::kNever, vesk::Clock::kNever);
+  });
+  clock_.AwaitWaiters(1);
+
+  lock_backend_.on_start = [&](VeskJob* job) { lock_backend_.End(job, 0); };
+  const auto started = Read();
+  manual_.SubmitJob(started->get());
+  EXPECT_EQ(started->get()->GetReturnValue(), ESHUTDOWN);
+  const auto run = Read();
+  lock_.lock();
+  manual_.SubmitJob(run->get());
+  manual_.WaitForJob(run->get(), &lock_, "Read");
+  lock_.unlock();
+  EXPECT_EQ(run->get()->GetReturnValue(), ESHUTDOWN);
+  EXPECT_EQ(lock_backend_.started, std::vector<VeskJob*>{in_flight->get()});
+  EXPECT_TRUE(lock_backend_.run.empty());
+  EXPECT_NE(ended.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+
+  lock_backend_.End(in_flight->get(), 0);
+  EXPECT_TRUE(ended.get());
+  EXPECT_EQ(in_flight->get()->GetReturnValue(), 0);
 }
 
 TEST_F(ShutdownTest, WhatCannotFinishEndsWithAClearCode) {

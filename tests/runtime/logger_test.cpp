@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -23,6 +24,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/allocation.h"
@@ -916,6 +918,124 @@ TEST_F(LoggerTest, LevelsBeyondTheOperationsMeanNothing) {
 }
 
 // The system log.
+
+// What this program hands to the system log while the object lives, instead of handing it over.
+class SystemLogLines {
+ public:
+  using Line = std::pair<int, std::string>;  // priority, text
+
+  SystemLogLines() { recording_ = this; }
+  ~SystemLogLines() { recording_ = nullptr; }
+  SystemLogLines(const SystemLogLines&) = delete;
+  SystemLogLines& operator=(const SystemLogLines&) = delete;
+
+  static void Take(int priority, const char* format, va_list arguments)
+      __attribute__((format(printf, 2, 0))) {
+    if (recording_ == nullptr) {
+      vsyslog(priority, format, arguments);
+      return;
+    }
+    char text[1000];
+    EXPECT_LT(std::vsnprintf(text, sizeof text, format, arguments), static_cast<int>(sizeof text));
+    recording_->lines.emplace_back(priority, text);
+  }
+
+  std::vector<Line> lines;
+
+ private:
+  static SystemLogLines* recording_;
+};
+
+SystemLogLines* SystemLogLines::recording_ = nullptr;
+
+}  // namespace
+
+// Stand before the C library's own in this program: syslog(3), and what a compiler that fortifies
+// makes of it. Under other names here, since the header may have bodies for these.
+extern "C" {
+void TakeSyslog(int priority, const char* format, ...) __asm__("syslog")
+    __attribute__((format(printf, 2, 3)));
+void TakeFortifiedSyslog(int priority, int flag, const char* format, ...) __asm__("__syslog_chk")
+    __attribute__((format(printf, 3, 4)));
+
+void TakeSyslog(int priority, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  SystemLogLines::Take(priority, format, arguments);
+  va_end(arguments);
+}
+
+void TakeFortifiedSyslog(int priority, int /*flag*/, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  SystemLogLines::Take(priority, format, arguments);
+  va_end(arguments);
+}
+}
+
+namespace {
+
+class SystemLogTest : public LoggerTest {
+ protected:
+  static Logger::Options ToSystemLog(LogLevels levels) {
+    Logger::Options options;
+    options.levels = levels;
+    options.to_stderr = false;
+    options.to_syslog = true;
+    return options;
+  }
+
+  using Lines = std::vector<SystemLogLines::Line>;
+
+  const SystemLogLines system_log_;
+};
+
+TEST_F(SystemLogTest, EachLineArrivesWithThePriorityOfItsOperation) {
+  Logger logger(ToSystemLog(vesk::kLogEverything));
+  LogOnEach(logger);
+  EXPECT_EQ(system_log_.lines, (Lines{{LOG_DAEMON | LOG_DEBUG, "VeskStream:520 at debug"},
+                                      {LOG_DAEMON | LOG_DEBUG, "VeskStream:520 at trace"},
+                                      {LOG_DAEMON | LOG_INFO, "VeskStream:520 at info"},
+                                      {LOG_DAEMON | LOG_NOTICE, "VeskStream:520 at dump"},
+                                      {LOG_DAEMON | LOG_ERR, "VeskStream:520 at error"}}));
+}
+
+TEST_F(SystemLogTest, ItGetsTheOperationsThatAreOnAlone) {
+  Logger logger(ToSystemLog(vesk::kLogInfo));
+  LogOnEach(logger);
+  EXPECT_EQ(system_log_.lines, (Lines{{LOG_DAEMON | LOG_INFO, "VeskStream:520 at info"}}));
+}
+
+TEST_F(SystemLogTest, ItGetsNothingUnlessTold) {
+  Logger logger(ToFile(vesk::kLogEverything));
+  LogOnEach(logger);
+  EXPECT_EQ(system_log_.lines, Lines{});
+}
+
+TEST_F(SystemLogTest, ATextIsNoFormatAndNoJson) {
+  Logger::Options options = ToSystemLog(vesk::kLogInfo);
+  options.json = true;
+  Logger logger(options);
+  logger.Info(kSite, "%s", "a \"%s\" %n\nfaked");
+  EXPECT_EQ(system_log_.lines,
+            (Lines{{LOG_DAEMON | LOG_INFO, "VeskStream:520 a \"%s\" %n\\x0afaked"}}));
+}
+
+TEST_F(SystemLogTest, AnAssertionAndItsHistoryArriveWithTheTimesOfThePast) {
+  Logger logger(ToSystemLog(vesk::kLogNothing));
+  logger.Info(kSite, "past");
+  Assert(logger);
+  Lines lines = system_log_.lines;
+  ASSERT_EQ(lines.size(), 6u);
+  lines[1].second = WithoutTime(lines[1].second);
+  EXPECT_EQ(lines, (Lines{{LOG_DAEMON | LOG_NOTICE,
+                           "Logger:100 history begins, lines: 1, reason: ASSERT failure"},
+                          {LOG_DAEMON | LOG_INFO, "history info VeskStream:520 past"},
+                          {LOG_DAEMON | LOG_NOTICE, "Logger:100 history ends"},
+                          {LOG_DAEMON | LOG_ERR, "VeskStream:700 ASSERT failure::"},
+                          {LOG_DAEMON | LOG_ERR, "VeskStream:700 No action taken 9"},
+                          {LOG_DAEMON | LOG_ERR, "VeskStream:700 "}}));
+}
 
 TEST(SyslogTest, EachOperationHasItsPriority) {
   EXPECT_EQ(vesk::SyslogPriority(vesk::kLogDebug), LOG_DEBUG);
