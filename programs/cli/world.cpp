@@ -158,6 +158,9 @@ void World::Report(const std::string& verb, std::uint64_t bytes, const vesk::Fil
   std::fprintf(stderr, "  storage         %s\n", runtime_->backend_name().c_str());
   PrintJobs("read ", stats.reads);
   if (writer != nullptr) PrintJobs("write", stats.writes);
+  std::fprintf(stderr, "  on names        %8llu   jobs; at most %llu jobs in flight at once\n",
+               static_cast<unsigned long long>(stats.names.ended),
+               static_cast<unsigned long long>(stats.max_depth));
   for (const auto& [tag, waits] : stats.waits) {
     std::fprintf(stderr, "  waits           %8llu   for \"%s\", %.1f ms in all\n",
                  static_cast<unsigned long long>(waits.count), tag.c_str(),
