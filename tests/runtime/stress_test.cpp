@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -480,6 +481,87 @@ TEST_F(ManyStreamsTest, WithABackendThatEndsJobsOnAnotherCore) {
 TEST_F(ManyStreamsTest, WithABackendThatEndsJobsLateAndInAnyOrder) {
   ShuffledBackend backend;
   EXPECT_GT(LiveInParallel(backend), 0) << "no split met a read in flight: this proves less";
+}
+
+// Holds jobs until it is opened, then ends each at once.
+class GatedBackend : public StubBackend {
+ public:
+  void Start(vesk::JobQueue& jobs) override {
+    {
+      const vesk::MutexLock guard(mutex_);
+      if (!open_) held_.Take(jobs);
+    }
+    EndEach(jobs);
+  }
+  void Open() {
+    vesk::JobQueue held;
+    {
+      const vesk::MutexLock guard(mutex_);
+      open_ = true;
+      held.Take(held_);
+    }
+    EndEach(held);
+  }
+
+ private:
+  void EndEach(vesk::JobQueue& jobs) {
+    while (!jobs.Empty()) End(jobs.Pop(), 0);
+  }
+
+  vesk::Mutex mutex_;
+  vesk::JobQueue held_ VESK_GUARDED_BY(mutex_);
+  bool open_ VESK_GUARDED_BY(mutex_) = false;
+};
+
+TEST_F(ManyStreamsTest, TheReaperIsIdleBesideThousandsOfWritesInFlightAndCollectsThemAll) {
+  constexpr std::size_t kStreams = 3000;
+  GatedBackend backend;
+  vesk::VeskBundler bundler(backend);
+  vesk::VeskThreadPool pool;
+  env_.thread_pool = &pool;
+  vesk::Reaper reaper(pool, 2);
+  bundler.dispatcher().OnEnd([&](const std::string& name) { reaper.JobEnded(name); });
+  std::vector<std::unique_ptr<SplitFile>> files;
+  for (std::size_t i = 0; i < kStreams; ++i) {
+    files.push_back(std::make_unique<SplitFile>("f" + std::to_string(i), &bundler));
+    SplitFile& file = *files.back();
+    reaper.Add(file.low.name, file);
+    const vesk::Holding<VeskLock> guard(file.lock);
+    WriteBlock(file, file.low, 0);
+    WriteBlock(file, file.low, kBlock);  // ships the first block; nobody waits for it
+  }
+  const auto watchdog = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto pause = [] { std::this_thread::sleep_for(std::chrono::milliseconds(100)); };
+  vesk::Reaper::Stats before = reaper.GetStats();
+  for (pause(); reaper.GetStats().wakeups != before.wakeups; pause()) {
+    ASSERT_LT(std::chrono::steady_clock::now(), watchdog) << "the reaper does not come to rest";
+    before = reaper.GetStats();
+  }
+  const std::clock_t cpu_before = std::clock();
+  pause();
+  pause();
+  RecordProperty("cpu_microseconds_of_200000_idle",
+                 static_cast<int>((std::clock() - cpu_before) * 1000000 / CLOCKS_PER_SEC));
+  EXPECT_EQ(reaper.GetStats().wakeups, before.wakeups);
+  EXPECT_EQ(reaper.GetStats().looks, before.looks);
+
+  backend.Open();
+  const auto collected = [&] {
+    std::size_t count = 0;
+    for (const auto& file : files) {
+      const vesk::Holding<VeskLock> guard(file->lock);
+      if (file->low.buffers.front()->job == nullptr) ++count;
+    }
+    return count;
+  };
+  while (collected() < kStreams && std::chrono::steady_clock::now() < watchdog) pause();
+  EXPECT_EQ(collected(), kStreams) << "without any request";
+  for (const auto& file : files) {
+    reaper.Remove(*file);
+    const vesk::Holding<VeskLock> guard(file->lock);
+    Serve([&] { file->low.Flush(&file->lock, true, false, false, false); });
+  }
+  env_.thread_pool = nullptr;
 }
 
 TEST_F(ManyStreamsTest, WithABackendThatNeverEndsSomeJobsRequestsEndInTime) {
