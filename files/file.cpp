@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <limits>
+#include <new>
 #include <utility>
+#include <vector>
 
 #include "runtime/clock.h"
 #include "runtime/decorator_retry.h"
@@ -21,6 +23,22 @@ constexpr std::size_t kMaxRequest = 1u << 30;
 
 // Bytes that a file may have: its offsets are signed in the store.
 constexpr std::uint64_t kMaxSize = std::numeric_limits<std::int64_t>::max();
+
+// Keeps a stream for the rest of the process: its blocks may be dirty or in flight, so destroying
+// it would end the process, or let a job write into freed memory. Kept in reach, so that a leak
+// checker tells of other leaks only.
+void LeaveInMemory(std::unique_ptr<VeskStream> stream) {
+  static Mutex mutex;
+  static auto* const left = new std::vector<std::unique_ptr<VeskStream>>;
+  if (stream == nullptr) return;
+  const MutexLock guard(mutex);
+  try {
+    left->push_back(nullptr);
+    left->back() = std::move(stream);
+  } catch (const std::bad_alloc&) {
+    (void)stream.release();
+  }
+}
 
 unsigned int RequestLength(std::size_t length) {
   return static_cast<unsigned int>(std::min(length, kMaxRequest));
@@ -45,9 +63,7 @@ File::~File() {
   if (services_.reaper != nullptr) services_.reaper->Remove(*this);
   const FileLock guard(lock_);
   if (abandoned_) services_.retry->KeepAgain(name_);
-  // Its blocks may be dirty or in flight, and destroying those would end the process. Their memory
-  // stays: jobs may still move bytes there.
-  (void)stream_.release();
+  LeaveInMemory(std::move(stream_));
 }
 
 bool File::Broken() const {
@@ -85,6 +101,7 @@ void File::CollectAll() {
   for (VeskBuffer* const block : stream_->buffers) {
     if (block->job != nullptr) Collect(*block);
   }
+  if (!broken_) DropInvalid();
 }
 
 // Takes the end of a finished job into its block. A failed write is told to the writer later; a
@@ -103,7 +120,6 @@ void File::Collect(VeskBuffer& block) {
     } else {
       ++stats_.failed_read_ahead;
     }
-    Mend();
   }
 }
 
@@ -111,17 +127,27 @@ void File::NoteUntold(int error) {
   if (untold_error_ == 0) untold_error_ = error;
 }
 
-// A block whose job failed is invalid, and the next write to its first byte would fail a check. It
-// is made an empty block of great age, so that the cache drops it as soon as a request meets it.
-// Not the first one: a stream whose only block was dropped must not be asked for what lies before
-// it.
-void File::Mend() {
-  for (VeskBuffer* const block : stream_->buffers) {
-    if (block->GetState(VeskBuffer::INV) == 0 || block->job != nullptr) continue;
-    block->state = VeskBuffer::VALID;
-    block->rc = 0;
-    if (block != stream_->buffers.front()) block->ltime = 1;  // 0 would be none
+// A block whose job failed is invalid and empty: the next write to its first byte would fail a
+// check, and if it were made valid again, a later block with the same bytes could outlive it and be
+// served after it was written to.
+void File::DropInvalid() {
+  for (auto it = stream_->buffers.begin(); it != stream_->buffers.end();) {
+    VeskBuffer* const block = *it;
+    if (block->GetState(VeskBuffer::INV) == 0 || block->job != nullptr) {
+      ++it;
+      continue;
+    }
+    it = stream_->buffers.erase(it);
+    delete block;
+    stream_->last_buffer = nullptr;  // a shortcut, which may have led to it
   }
+}
+
+// A stream without blocks covers nothing: it is as new, whatever range it covered before.
+void File::ResetEmpty() {
+  if (!stream_->buffers.empty()) return;
+  stream_->curr_off = 0;
+  stream_->curr_len = 0;
 }
 
 // Issues `request` until it ends in something else than a wait. While it waits the file may be
@@ -133,6 +159,7 @@ File::Outcome File::Serve(const Request& request) {
     if (stream_ == nullptr) outcome.error = EBADF;
     if (broken_) outcome.error = EIO;
     if (outcome.error != 0) break;
+    ResetEmpty();
     try {
       outcome.count = request();
       break;
@@ -146,7 +173,7 @@ File::Outcome File::Serve(const Request& request) {
         outcome.error = EIO;
       } else {
         outcome.error = failure.code;
-        Mend();
+        DropInvalid();
       }
     }
   }
@@ -222,7 +249,10 @@ File::Outcome File::Drain() {
       stream_->Flush(&lock_, wait, false, false, false);
       return 0u;
     });
-    if (outcome.limited) return outcome;  // what has failed so far is told by the next one
+    if (outcome.limited) {  // what has failed so far is told by the next one
+      NoteUntold(drained.error);
+      return outcome;
+    }
     const int collected = std::exchange(untold_error_, 0);
     if (drained.error == 0) drained.error = collected;
     if (drained.error == 0) drained.error = outcome.error;
@@ -239,7 +269,7 @@ int File::Close() {
   const Outcome drained = Drain();
   if (drained.limited) return drained.error;
   if (broken_) {
-    (void)stream_.release();  // see the destructor
+    LeaveInMemory(std::move(stream_));
   } else {
     stream_.reset();
   }
@@ -247,20 +277,26 @@ int File::Close() {
 }
 
 void File::Discard() {
-  bool abandon = false;
+  if (services_.retry != nullptr) Abandon();
+  const FileLock guard(lock_);
+  if (stream_ == nullptr || broken_) return;
+  for (VeskBuffer* const block : stream_->buffers) {
+    if (block->GetState(VeskBuffer::DIRTY) == 0 || block->job != nullptr) continue;
+    block->state = VeskBuffer::INV;
+    block->dlen = block->dirty_length = 0;
+  }
+  DropInvalid();
+}
+
+// Without the lock: it ends jobs, and whoever is told of an end may want the lock.
+void File::Abandon() {
+  services_.retry->Abandon(name_);
+  bool was_abandoned = false;
   {
     const FileLock guard(lock_);
-    if (stream_ == nullptr || broken_) return;
-    for (VeskBuffer* const block : stream_->buffers) {
-      if (block->GetState(VeskBuffer::DIRTY) == 0 || block->job != nullptr) continue;
-      block->state = VeskBuffer::VALID;  // and empty, as a new block
-      block->dlen = block->dirty_length = 0;
-    }
-    abandon = services_.retry != nullptr && !abandoned_;
-    abandoned_ = abandoned_ || abandon;
+    was_abandoned = std::exchange(abandoned_, true);
   }
-  // Without the lock: it ends jobs, and whoever is told of an end may want the lock.
-  if (abandon) services_.retry->Abandon(name_);
+  if (was_abandoned) services_.retry->KeepAgain(name_);  // once is enough
 }
 
 }  // namespace vesk

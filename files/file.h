@@ -109,9 +109,11 @@ class File final : private CachedFile {
   void Count(const Outcome& outcome) VESK_REQUIRES(lock_);
   void CollectAll() VESK_REQUIRES(lock_);
   void Collect(VeskBuffer& block) VESK_REQUIRES(lock_);
-  void Mend() VESK_REQUIRES(lock_);
+  void DropInvalid() VESK_REQUIRES(lock_);
+  void ResetEmpty() VESK_REQUIRES(lock_);
   void NoteUntold(int error) VESK_REQUIRES(lock_);
   Outcome Drain() VESK_REQUIRES(lock_);
+  void Abandon();
 
   const Services services_;
   const std::string name_;

@@ -19,7 +19,7 @@ int Checked(int fd, const char* what) {
   return fd;
 }
 
-sigset_t SetOf(std::initializer_list<int> signals) {
+sigset_t SetOf(const std::vector<int>& signals) {
   sigset_t set;
   sigemptyset(&set);
   for (const int signal_number : signals) sigaddset(&set, signal_number);
@@ -28,7 +28,7 @@ sigset_t SetOf(std::initializer_list<int> signals) {
 
 }  // namespace
 
-SignalWatcher::SignalWatcher(std::initializer_list<int> signals, std::function<void(int)> handle)
+SignalWatcher::SignalWatcher(const std::vector<int>& signals, std::function<void(int)> handle)
     : watched_(SetOf(signals)),
       handle_(std::move(handle)),
       signals_(Checked(signalfd(-1, &watched_, SFD_CLOEXEC), "signalfd")),

@@ -6,8 +6,8 @@
 #include <signal.h>
 
 #include <functional>
-#include <initializer_list>
 #include <thread>
+#include <vector>
 
 #include "runtime/descriptor_cache.h"
 
@@ -20,7 +20,7 @@ class SignalWatcher {
  public:
   // `handle` is called by the watcher's thread, once for each signal that arrives.
   //   Ends in  std::system_error when a descriptor or the thread cannot be had
-  SignalWatcher(std::initializer_list<int> signals, std::function<void(int)> handle);
+  SignalWatcher(const std::vector<int>& signals, std::function<void(int)> handle);
 
   // No call of `handle` is running afterwards, and the signals do again what they did before.
   ~SignalWatcher();

@@ -71,7 +71,8 @@ class PartialFile {
   ~PartialFile() {
     if (!exists_) return;
     const vesk::RequestScope scope(world_.LeavingLimits());
-    if (const int error = store_.Remove(name_)) World::Fail("remove", name_, error);
+    const int error = store_.Remove(name_);
+    if (error != 0 && error != ENOENT) World::Fail("remove", name_, error);
   }
   PartialFile(const PartialFile&) = delete;
   PartialFile& operator=(const PartialFile&) = delete;
@@ -144,10 +145,14 @@ int CopyData(World& world, vesk::File& from, vesk::File& to, std::uint64_t size)
 
 // Checks both names and makes the unfinished copy.
 int Prepare(World& world, vesk::FileInfo* source, PartialFile* partial) {
-  const vesk::RequestScope scope(world.NewLimits());
-  if (const int status = world.CheckSource(world.options().source, source)) return status;
   mode_t permissions = 0;
-  if (const int status = CheckDestination(world, *source, &permissions)) return status;
+  {
+    const vesk::RequestScope scope(world.NewLimits());
+    if (const int status = world.CheckSource(world.options().source, source)) return status;
+    if (const int status = CheckDestination(world, *source, &permissions)) return status;
+  }
+  // Not called off by a signal: the file might come into being after it was removed.
+  const vesk::RequestScope scope(world.LeavingLimits());
   const int error = partial->Create(permissions);
   return error == 0 ? kExitOk : World::Fail("create", world.options().destination, error);
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
+#include <vector>
 
 #include "runtime/decorator_retry.h"
 
@@ -57,19 +58,26 @@ void PrintRetries(const vesk::RetryDecorator::Totals& retries) {
                recovered);
 }
 
+bool IsIgnored(int signal_number) {
+  struct sigaction action = {};
+  sigaction(signal_number, nullptr, &action);
+  return action.sa_handler == SIG_IGN;
+}
+
 }  // namespace
 
 World::World(const Options& options, vesk::Settings& settings)
     : options_(options), settings_(settings) {
   const bool copy = options.command == Options::Command::kCopy;
   const auto handle = [this](int signal_number) { Signalled(signal_number); };
-  // Reading has nothing to clean up: a signal ends it as it would any program.
-  if (copy) {
-    signals_ = std::make_unique<vesk::SignalWatcher>(
-        std::initializer_list<int>{SIGINT, SIGTERM, SIGHUP}, handle);
-  } else if (options.settings_source.HasFile()) {
-    signals_ = std::make_unique<vesk::SignalWatcher>(std::initializer_list<int>{SIGHUP}, handle);
+  std::vector<int> signals;
+  if (copy) {  // reading has nothing to clean up: a signal ends it as it would any program
+    for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
+      if (!IsIgnored(signal_number)) signals.push_back(signal_number);  // as nohup has it
+    }
   }
+  if (options.settings_source.HasFile()) signals.push_back(SIGHUP);
+  if (!signals.empty()) signals_ = std::make_unique<vesk::SignalWatcher>(signals, handle);
   const vesk::MutexLock guard(reload_mutex_);
   runtime_ = std::make_unique<vesk::VeskRuntime>(settings);
   begin_ = runtime_->clock().Now();
@@ -116,7 +124,8 @@ void World::ReloadSettings() {
   for (const std::string& line : options_.settings_source.Reload(&settings_).Lines()) {
     std::fprintf(stderr, "vesk: %s\n", line.c_str());
   }
-  runtime_->SettingsChanged();
+  if (runtime_ != nullptr)
+    runtime_->SettingsChanged();  // else it is made with the new values, or not
 }
 
 int World::Fail(const std::string& what, const std::string& name, const std::string& reason) {

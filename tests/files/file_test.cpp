@@ -474,6 +474,20 @@ TEST_F(HeldFileTest, AFailureDuringAFlushThatMeetsItsLimitsIsToldByTheNextOne) {
   EXPECT_EQ(file.Close(), 0);
 }
 
+TEST_F(HeldFileTest, AFailureBeforeAFlushThatMeetsItsLimitsIsToldByTheNextOne) {
+  File file(services_, name_, 0, CacheShape{64, 8, 0});
+  EXPECT_EQ(file.WriteAt(std::string(64, 'a').data(), 64, 0), 0);
+  EXPECT_EQ(file.WriteAt(std::string(64, 'b').data(), 64, 64), 0);  // ships the first block
+  store_.EndJobs(1, ENOSPC);
+  {
+    const vesk::RequestScope scope(In(std::chrono::seconds(0)));
+    EXPECT_EQ(file.Flush(), ETIMEDOUT);
+  }
+  store_.EndJobs(1);
+  EXPECT_EQ(file.Flush(), ENOSPC);
+  EXPECT_EQ(file.Close(), 0);
+}
+
 // The store's own ETIMEDOUT is a failure like any other, whatever the request's limits.
 TEST_F(HeldFileTest, AStoreThatTimesOutIsNotTakenForTheLimits) {
   File file(services_, name_, 0, CacheShape{64, 8, 0});
@@ -553,6 +567,42 @@ TEST_F(FailingFileTest, ABlockWhoseReadFailedTakesAWriteAndLosesNoOther) {
   std::string expected = Content(64 * 100);
   expected.replace(64 * 50, 5, "dirty").replace(64 * 20, 3, "new").replace(0, 3, "new");
   EXPECT_EQ(Get(), expected);
+}
+
+// Once the failed block was kept, as an empty one: it took the write, was dropped first, and the
+// block that had been read in its place served the bytes from before the write.
+TEST_F(FailingFileTest, NoOldBytesAreReadAfterAFailedReadAndAWrite) {
+  for (const int refresh : {0, 60}) {
+    settings_.refresh_interval = refresh;
+    Put(Content(64 * 100));
+    File file(services_, name_, 64 * 100, CacheShape{64, 8, 0});
+    backend_.failing_reads = 1;
+    Read(file, 0, 64, EIO);
+    EXPECT_EQ(Read(file, 0, 64), Content(64));
+    EXPECT_EQ(file.WriteAt(std::string(64, 'w').data(), 64, 0), 0);
+    EXPECT_EQ(file.Flush(), 0);
+    for (int i = 0; i < 6; ++i) {
+      Read(file, 128, 64);
+      EXPECT_EQ(Read(file, 0, 64), std::string(64, 'w')) << i;
+    }
+    EXPECT_EQ(file.Close(), 0);
+  }
+}
+
+// With one block, a refused request could leave a stream that covers nothing, far up in the file.
+TEST_F(FailingFileTest, ACancelledRequestLeavesAFileThatCanBeReadFromItsBeginning) {
+  Put(Content(64 * 100));
+  File file(services_, name_, 64 * 100, CacheShape{64, 1, 0});
+  for (unsigned int at = 0; at <= 64 * 50; at += 64) Read(file, at, 64);
+  {
+    vesk::CancelToken cancelled;
+    cancelled.Cancel();
+    const vesk::RequestScope scope({vesk::Clock::kNever, &cancelled});
+    for (const unsigned int block : {48u, 49u, 50u}) file.WriteAt("x", 1, block * 64 + 10);
+  }
+  EXPECT_EQ(Read(file, 0, 64), Content(64));
+  EXPECT_FALSE(file.Broken());
+  EXPECT_EQ(file.Close(), 0);
 }
 
 // A store that is out of order for a while, behind the retry decorator.

@@ -357,7 +357,7 @@ class ManyStreamsTest : public StressTest {
   static constexpr int kLives = 150;  // of streams, for each thread
 
   // One file in two streams, after a split.
-  struct SplitFile : vesk::CachedFile {
+  struct SplitFile final : vesk::CachedFile {
     SplitFile(const std::string& name, vesk::VeskBundler* bundler)
         : low(name, bundler, 0, 0, 0), high(name, bundler, 0, 0, 0) {}
     void Reap() override {
