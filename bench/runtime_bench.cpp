@@ -18,6 +18,8 @@
 #include "runtime/decorator_latency.h"
 #include "runtime/dispatcher.h"
 #include "runtime/logger.h"
+#include "tests/support/jobs.h"
+#include "tests/support/null_logger.h"
 #include "vesk/VeskBundler.h"
 #include "vesk/VeskEnv.h"
 #include "vesk/VeskException.h"
@@ -34,6 +36,7 @@ namespace {
 using vesk::VeskBundler;
 using vesk::VeskJob;
 using vesk::VeskLock;
+using vesk_test::NewRead;
 
 constexpr std::size_t kFileSize = 64u << 20;
 
@@ -67,17 +70,6 @@ class CachedFile {
   int fd_;
 };
 
-VeskJob* NewJob(std::string name, void* memory, unsigned int length, unsigned long offset,
-                unsigned int* count) {
-  auto* const op = new vesk::VeskOP(vesk::OPCODE_READ, 0);
-  op->AddString(name);
-  op->AddPtr(memory);
-  op->AddInt(static_cast<int>(length));
-  op->AddULong(offset);
-  op->AddPtr(count);
-  return new VeskJob(vesk::JOB_TYPE_IO, op);
-}
-
 struct Holder {
   std::vector<VeskJob*> jobs;
   ~Holder() {
@@ -105,7 +97,7 @@ bool SyncMiss(const CachedFile& file, unsigned int block) {
   };
   const auto miss = [&] {
     for (long i = 0; i < kTimes; ++i) {
-      VeskJob* const job = NewJob(file.name(), memory.data(), block, offset(i), &count);
+      VeskJob* const job = NewRead(file.name(), memory.data(), block, offset(i), &count);
       {
         const vesk::Holding<VeskLock> guard(lock);
         bundler.SubmitJob(job);
@@ -182,7 +174,7 @@ bool UringBatch(const CachedFile& file) {
       const vesk::Holding<VeskLock> guard(lock);
       for (unsigned int i = 0; i < kBatch; ++i) {
         held.jobs.push_back(
-            NewJob(file.name(), memory.data() + i * kBlock, kBlock, i * kBlock, &counts[i]));
+            NewRead(file.name(), memory.data() + i * kBlock, kBlock, i * kBlock, &counts[i]));
         bundler.SubmitJob(held.jobs.back());
       }
     }
@@ -229,8 +221,8 @@ bool SlowStore() {
         job = nullptr;
       }
       if (i >= kBlocks) continue;
-      job = NewJob("f", memory.data() + i % kInFlight * kBlock, kBlock,
-                   static_cast<unsigned long>(i) * kBlock % kFileSize, &counts[i % kInFlight]);
+      job = NewRead("f", memory.data() + i % kInFlight * kBlock, kBlock,
+                    static_cast<unsigned long>(i) * kBlock % kFileSize, &counts[i % kInFlight]);
       bundler.SubmitJob(job);
     }
   });
@@ -242,21 +234,12 @@ bool SlowStore() {
   return AtLeast("reached / possible", reached / possible, 0.8, "dispatcher, latency, memory");
 }
 
-class EmptyLogger : public vesk::VeskLogger {
- public:
-  void Debug(const vesk::LogSite& /*site*/, const char* /*format*/, ...) override {}
-  void Trace(const vesk::LogSite& /*site*/, const char* /*format*/, ...) override {}
-  void Info(const vesk::LogSite& /*site*/, const char* /*format*/, ...) override {}
-  void Dump(const vesk::LogSite& /*site*/, const char* /*format*/, ...) override {}
-  void Error(const vesk::LogSite& /*site*/, const char* /*format*/, ...) override {}
-};
-
 // A line that is not wanted, against one handed to a logger whose operations are empty.
 bool DiscardedLine() {
   vesk::Logger::Options options;
   options.levels = options.ring_levels = vesk::kLogNothing;
   vesk::Logger logger(options);
-  EmptyLogger empty;
+  vesk_test::NullLogger empty;
   constexpr long kTimes = 2000000;
   const vesk::LogSite site("bench", 1);
   const std::string name = "f";

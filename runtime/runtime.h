@@ -51,7 +51,6 @@ class VeskRuntime {
   Reaper& reaper();
   RetryDecorator* retry();  // null: the store has none
   Clock& clock() { return clock_; }
-  Settings& settings() { return settings_; }
 
   // What the store turned out to be: "io_uring", "threads" or "memory".
   const std::string& backend_name() const;

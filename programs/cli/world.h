@@ -36,7 +36,7 @@ class World {
   int interrupted_by() const { return interrupted_by_; }
 
   // For cleaning up: a store that does not answer holds that up no longer than the setting
-  // shutdown-timeout, whatever else the command was limited to.
+  // shutdown-timeout. Not inside a scope with NewLimits, whose limits would hold as well.
   vesk::RequestLimits LeavingLimits();
 
   // Calls off every request that has NewLimits, for another reason than a signal.
