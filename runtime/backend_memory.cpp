@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <iterator>
 #include <new>
@@ -21,6 +22,15 @@ constexpr auto kLargestFile = static_cast<std::uint64_t>(std::numeric_limits<std
 
 constexpr std::uint64_t kLoadBytes = std::uint64_t{1}
                                      << 20;  // read from the store behind at a time
+
+std::int64_t NowNs() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
+bool IsSame(const FileInfo& one, const FileInfo& other) {
+  return one.device == other.device && one.inode == other.inode;
+}
 
 VeskJob* NewRead(std::string name, unsigned char* data, std::uint64_t length, std::uint64_t offset,
                  unsigned int* count) {
@@ -91,7 +101,7 @@ int MemoryBackend::PerformTransfer(const Transfer& transfer) {
   if (transfer.offset > kLargestFile || transfer.length > kLargestFile - transfer.offset) {
     return EFBIG;
   }
-  file->changed = true;
+  SetChanged(*file);
   Write(*file, transfer.data, transfer.length, transfer.offset, true);
   return 0;
 }
@@ -111,15 +121,8 @@ int MemoryBackend::PerformOnName(const NameOperation& operation) {
 }
 
 int MemoryBackend::Stat(const NameOperation& operation) {
-  FilePointer file = Known(operation.name);
-  FileInfo info;
-  if (file == nullptr) {
-    if (behind_ == nullptr) return ENOENT;
-    if (const int error = StatBehind(operation.name, &info)) return error;
-    file = KnownAs(info);
-  }
-  operation.ResultAs<FileInfo>() = file == nullptr ? info : file->info;
-  return 0;
+  FilePointer file;
+  return Find(operation.name, &file, &operation.ResultAs<FileInfo>());
 }
 
 int MemoryBackend::Open(const NameOperation& operation) {
@@ -140,6 +143,7 @@ int MemoryBackend::Create(const NameOperation& operation) {
   }
   place->second->info.mode = S_IFREG | (static_cast<mode_t>(operation.number) & 07777);
   place->second->info.inode = ++inodes_;
+  place->second->info.modified_ns = NowNs();
   return 0;
 }
 
@@ -159,28 +163,27 @@ int MemoryBackend::NextData(const NameOperation& operation) {
 }
 
 int MemoryBackend::Sync(const NameOperation& operation) {
-  const FilePointer file = Known(operation.name);
-  if (behind_ == nullptr) return file == nullptr ? ENOENT : 0;
+  FilePointer file;
+  FileInfo info;
+  if (const int error = Find(operation.name, &file, &info)) return error;
+  if (behind_ == nullptr) return 0;
   if (file == nullptr) return NameBehind(OPCODE_SYNC, operation.name);
   return WriteBack(operation.name, *file);
 }
 
 int MemoryBackend::Rename(const NameOperation& operation) {
-  const FilePointer file = Known(operation.name);
   std::string to = operation.other;  // copied now: nothing may fail once it is done behind
   if (behind_ == nullptr) {
-    if (file == nullptr) return ENOENT;
+    if (Known(operation.name) == nullptr) return ENOENT;
   } else {
-    if (file != nullptr && file->changed) {
-      if (const int error = WriteBack(operation.name, *file)) return error;
-    }
-    if (const int error = ForgetOtherNames(to)) return error;
+    if (const int error = Release(operation.name, Content::kGoesOn)) return error;
+    if (const int error = Release(to, Content::kMayGo)) return error;
     if (const int error = Behind(NewNameJob(OPCODE_RENAME, operation.name, to))) return error;
   }
   if (operation.name == to) return 0;
   files_.erase(to);
   auto entry = files_.extract(operation.name);
-  if (entry.empty()) return 0;
+  if (entry.empty() || (behind_ != nullptr && !LeadsTo(to, *entry.mapped()))) return 0;
   entry.key() = std::move(to);
   files_.insert(std::move(entry));
   return 0;
@@ -188,7 +191,7 @@ int MemoryBackend::Rename(const NameOperation& operation) {
 
 int MemoryBackend::Remove(const NameOperation& operation) {
   if (behind_ == nullptr) return files_.erase(operation.name) == 0 ? ENOENT : 0;
-  if (const int error = ForgetOtherNames(operation.name)) return error;
+  if (const int error = Release(operation.name, Content::kMayGo)) return error;
   const int error = NameBehind(OPCODE_REMOVE, operation.name);
   if (error == 0) files_.erase(operation.name);
   return error;
@@ -216,6 +219,12 @@ void MemoryBackend::Read(const File& file, const Transfer& transfer) {
   transfer.StoreCount(wanted);
 }
 
+// The time moves on even where the clock has not, or was set back.
+void MemoryBackend::SetChanged(File& file) {
+  file.changed = true;
+  file.info.modified_ns = std::max(NowNs(), file.info.modified_ns + 1);
+}
+
 // Where memory ends, the file ends behind what was written so far.
 void MemoryBackend::Write(File& file, const unsigned char* data, std::uint64_t length,
                           std::uint64_t offset, bool changed) {
@@ -236,7 +245,7 @@ void MemoryBackend::Write(File& file, const unsigned char* data, std::uint64_t l
 }
 
 void MemoryBackend::Resize(File& file, std::uint64_t size) {
-  file.changed = true;
+  SetChanged(file);
   file.cut = std::min(file.cut, size);
   file.info.size = size;
   const std::uint64_t within = size % kChunkBytes;
@@ -269,44 +278,73 @@ MemoryBackend::FilePointer MemoryBackend::Known(const std::string& name) {
 
 // The file under another name: a link, or a path that is spelled differently.
 MemoryBackend::FilePointer MemoryBackend::KnownAs(const FileInfo& info) {
+  if (info.inode == 0) return nullptr;  // the store behind does not tell files apart
   for (const auto& [name, file] : files_) {
-    if (file->info.device == info.device && file->info.inode == info.inode) return file;
+    if (IsSame(file->info, info)) return file;
   }
   return nullptr;
 }
 
-int MemoryBackend::Get(const std::string& name, FilePointer* file) {
+// Whichever name it is in memory under, it is under this one as well afterwards. Null: it is not in
+// memory, and `info` is the store's behind.
+int MemoryBackend::Find(const std::string& name, FilePointer* file, FileInfo* info) {
   *file = Known(name);
-  if (*file != nullptr) return 0;
-  if (behind_ == nullptr) return ENOENT;
-  FileInfo info;
-  if (const int error = StatBehind(name, &info)) return error;
-  if (!S_ISREG(info.mode)) return S_ISDIR(info.mode) ? EISDIR : ENOTSUP;
-  *file = KnownAs(info);
   if (*file == nullptr) {
-    *file = std::make_shared<File>();
-    (*file)->info = info;
-    if (const int error = Load(name, **file)) return error;
+    if (behind_ == nullptr) return ENOENT;
+    if (const int error = StatBehind(name, info)) return error;
+    *file = KnownAs(*info);
+    if (*file == nullptr) return 0;
+    files_.emplace(name, *file);
   }
+  *info = (*file)->info;
+  return 0;
+}
+
+// Taken in, if it is not in memory yet.
+int MemoryBackend::Get(const std::string& name, FilePointer* file) {
+  FileInfo info;
+  if (const int error = Find(name, file, &info)) return error;
+  if (*file != nullptr) return 0;
+  if (!S_ISREG(info.mode)) return S_ISDIR(info.mode) ? EISDIR : ENOTSUP;
+  *file = std::make_shared<File>();
+  (*file)->info = info;
+  if (const int error = Load(name, **file)) return error;
   files_.emplace(name, *file);
   return 0;
 }
 
-// Before a name goes. The others may be links to it, or hard links that stay: the store behind
-// knows, and is asked again. Otherwise a link's file would be taken for the next one with its inode
-// number.
-int MemoryBackend::ForgetOtherNames(const std::string& name) {
-  const FilePointer file = Known(name);
+// Before a name goes, or leads elsewhere. Other names of its file may be links to it, or hard links
+// that stay: the store behind knows, and is asked again. Otherwise a link's file would be taken for
+// the next one with its inode number.
+int MemoryBackend::Release(const std::string& name, Content content) {
+  FilePointer file;
+  FileInfo info;
+  const int error = Find(name, &file, &info);
+  if (error == ENOENT || error == ENOTDIR || error == ELOOP) return 0;  // or a link to nowhere
+  if (error != 0) return error;
+  if (file == nullptr) return S_ISDIR(info.mode) ? ForgetAll() : 0;
   const auto is_other = [&](const auto& entry) {
     return entry.second == file && entry.first != name;
   };
-  if (file == nullptr || std::none_of(files_.begin(), files_.end(), is_other)) return 0;
+  const bool has_others = std::any_of(files_.begin(), files_.end(), is_other);
   if (file->changed) {
-    if (const int error = WriteBack(name, *file)) return error;
+    const int failed = WriteBack(name, *file);
+    // A file that the store has no room for can be removed all the same.
+    if (failed != 0 && (has_others || content == Content::kGoesOn)) return failed;
   }
   for (auto place = files_.begin(); place != files_.end();) {
     place = is_other(*place) ? files_.erase(place) : std::next(place);
   }
+  return 0;
+}
+
+// Before a directory, or a link to one, goes or leads elsewhere: any name may be a path through it.
+int MemoryBackend::ForgetAll() {
+  for (const auto& [name, file] : files_) {
+    if (!file->changed) continue;
+    if (const int error = WriteBack(name, *file)) return error;
+  }
+  files_.clear();
   return 0;
 }
 
@@ -354,6 +392,16 @@ int MemoryBackend::StatBehind(const std::string& name, FileInfo* info) {
   const int error = Behind(NewNameJob(OPCODE_STAT, name, {}, 0, result));
   *info = *result;
   return error;
+}
+
+// What cannot be told is no.
+bool MemoryBackend::LeadsTo(const std::string& name, const File& file) {
+  try {
+    FileInfo info;
+    return StatBehind(name, &info) == 0 && IsSame(info, file.info);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 int MemoryBackend::NextDataBehind(const std::string& name, std::uint64_t offset, Extent* extent) {

@@ -26,14 +26,17 @@ namespace vesk {
 // content is taken in whole when its bytes or its length are first asked for or changed, and lives
 // here from then on:
 //   Create, Remove, Rename, Open, Stat    carried out behind; what Stat tells of a file that is in
-//                                         memory is its size here
+//                                         memory is its size and last change here
 //   Write, Truncate                       change memory alone
-//   Sync, and Rename of a changed file    bring what has changed to the store behind, and make that
-//                                         survive a crash
+//   Sync; Rename and Remove, for the      bring what has changed to the store behind, and make that
+//   files that they concern               survive a crash
 // After a successful Sync both hold the same bytes. After a failed one everything that had changed
 // still counts as changed, and the next one writes it again. What was not synced goes with this
-// object; what was not synced of a file that is removed or replaced goes with its name, unless the
-// file has other names in use here.
+// object.
+// All names of a file, links of either kind included, lead to the same bytes, where the store
+// behind tells files apart (FileInfo's device and inode); a file that loses one goes on under the
+// others. Where a file that is removed or replaced cannot be brought to the store behind, the name
+// stays if others are in use here; otherwise what was not synced goes with it.
 //   Owns     borrows `behind`, which outlives it, and which nobody else changes meanwhile
 //   Ends in  for a job, an error of the store behind included, wherever that store was needed: its
 //            error (EIO for bytes that are missing although its Stat counted them). EISDIR, ENOTSUP
@@ -66,6 +69,8 @@ class MemoryBackend final : public VeskBackend, private EndHandler {
   };
   using FilePointer = std::shared_ptr<File>;  // several names may stand for one file
 
+  enum class Content { kGoesOn, kMayGo };  // of a file that loses a name
+
   int Perform(const VeskJob& job);
   int PerformTransfer(const Transfer& transfer) VESK_REQUIRES(mutex_);
   int PerformOnName(const NameOperation& operation) VESK_REQUIRES(mutex_);
@@ -79,6 +84,7 @@ class MemoryBackend final : public VeskBackend, private EndHandler {
   int Rename(const NameOperation& operation) VESK_REQUIRES(mutex_);
   int Remove(const NameOperation& operation) VESK_REQUIRES(mutex_);
 
+  static void SetChanged(File& file);
   static void Read(const File& file, const Transfer& transfer);
   static void Write(File& file, const unsigned char* data, std::uint64_t length,
                     std::uint64_t offset, bool changed);
@@ -87,12 +93,15 @@ class MemoryBackend final : public VeskBackend, private EndHandler {
 
   FilePointer Known(const std::string& name) VESK_REQUIRES(mutex_);
   FilePointer KnownAs(const FileInfo& info) VESK_REQUIRES(mutex_);
+  int Find(const std::string& name, FilePointer* file, FileInfo* info) VESK_REQUIRES(mutex_);
   int Get(const std::string& name, FilePointer* file) VESK_REQUIRES(mutex_);
-  int ForgetOtherNames(const std::string& name) VESK_REQUIRES(mutex_);
+  int Release(const std::string& name, Content content) VESK_REQUIRES(mutex_);
+  int ForgetAll() VESK_REQUIRES(mutex_);
   int Load(const std::string& name, File& file) VESK_REQUIRES(mutex_);
   int WriteBack(const std::string& name, File& file) VESK_REQUIRES(mutex_);
 
   int StatBehind(const std::string& name, FileInfo* info);
+  bool LeadsTo(const std::string& name, const File& file);
   int NextDataBehind(const std::string& name, std::uint64_t offset, Extent* extent);
   int ReadBehind(const std::string& name, std::uint64_t offset, std::uint64_t length, File& file);
   int NameBehind(unsigned int code, const std::string& name, std::uint64_t number = 0);

@@ -32,6 +32,9 @@ struct FileInfo {
   mode_t mode = 0;  // type and permissions, as stat(2) reports them
   dev_t device = 0;
   ino_t inode = 0;
+  // The last change of the contents, in nanoseconds since the epoch; each change changes it, as far
+  // as the store's clock is fine enough. 0: the store does not tell.
+  std::int64_t modified_ns = 0;
 };
 
 // A run of a file that holds data; what lies before it reads as zeros.

@@ -4,18 +4,13 @@
 
 namespace vesk {
 
-Plug& Plug::OfThisThread() {
-  thread_local Plug plug;
-  return plug;
-}
-
 bool Plug::Withdraw(VeskJob* job) {
   if (!jobs_.Holds(job)) return false;
   jobs_.Remove(job);
   return true;
 }
 
-void Plug::Release() {
+void Plug::StartAll() {
   while (!jobs_.Empty()) {
     Dispatcher* const dispatcher = jobs_.First()->dispatcher_;
     JobQueue batch;

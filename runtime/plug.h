@@ -16,7 +16,10 @@ namespace vesk {
 class Plug {
  public:
   // The calling thread's.
-  static Plug& OfThisThread();
+  static Plug& OfThisThread() {
+    static thread_local Plug plug;
+    return plug;
+  }
 
   bool HoldsBack() const { return locks_held_ > 0; }
   void Add(VeskJob* job) { jobs_.Push(job); }
@@ -28,9 +31,13 @@ class Plug {
   void LockGivenUp() { --locks_held_; }
 
   // Starts the jobs held back, in order, those of one dispatcher as one batch.
-  void Release();
+  void Release() {
+    if (!jobs_.Empty()) StartAll();
+  }
 
  private:
+  void StartAll();
+
   int locks_held_ = 0;
   JobQueue jobs_;
 };

@@ -93,6 +93,10 @@ int TransferDirect(int fd, const Transfer& transfer) {
   return 0;
 }
 
+std::int64_t Nanoseconds(const timespec& time) {
+  return std::int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
+}
+
 std::string DirectoryOf(const std::string& name) {
   const std::size_t slash = name.rfind('/');
   if (slash == std::string::npos) return ".";
@@ -204,7 +208,22 @@ int PosixFiles::Stat(const NameOperation& operation) {
   info.mode = status.st_mode;
   info.device = status.st_dev;
   info.inode = status.st_ino;
+  info.modified_ns = Nanoseconds(status.st_mtim);
+  ForgetIfReplaced(operation.name, info);
   return 0;
+}
+
+// Another program may have put another file in its place: what is open is the old one.
+void PosixFiles::ForgetIfReplaced(const std::string& name, const FileInfo& info) {
+  for (const OpenFor opened_for :
+       {OpenFor::kRead, OpenFor::kWrite, OpenFor::kDirectRead, OpenFor::kDirectWrite}) {
+    const std::shared_ptr<const Descriptor> file = descriptors_.Find({name, opened_for});
+    struct stat status = {};
+    if (file == nullptr || fstat(file->fd(), &status) != 0) continue;
+    if (status.st_dev == info.device && status.st_ino == info.inode) continue;
+    descriptors_.Forget(name);
+    return;
+  }
 }
 
 int PosixFiles::Open(const NameOperation& operation) {

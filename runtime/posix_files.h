@@ -54,6 +54,7 @@ class PosixFiles {
   int Sync(const NameOperation& operation);
   int Rename(const NameOperation& operation);
   int Remove(const NameOperation& operation);
+  void ForgetIfReplaced(const std::string& name, const FileInfo& info);
 
   const bool direct_;
   DescriptorCache descriptors_;

@@ -1078,6 +1078,7 @@ class FlakyStore : public StubBackend {
 
   Disk disk;
   std::atomic<bool> healed{false};
+  std::atomic<unsigned int> failures{0};  // but for those of the file "a"
 
  private:
   void Work(std::uint64_t seed) {
@@ -1089,6 +1090,7 @@ class FlakyStore : public StubBackend {
       VeskJob* const job = queue_.Pop();
       guard.Unlock();
       const bool fails = !healed && random.Next() % 3 != 0;
+      if (fails && job->GetOP().GetString(0) != "a") ++failures;
       StubBackend::End(job, fails ? EIO : disk.Perform(job));
       guard.Lock();
     }
@@ -1138,6 +1140,10 @@ TEST(RetryThreadsTest, ManyThreadsLoseNothingButWhatTheyDiscard) {
       });
     }
     for (std::thread& thread : threads) thread.join();
+    // The store's threads may not have run yet.
+    for (int i = 0; i < 10000 && store.failures == 0; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     store.healed = true;
     for (unsigned int t = 0; t < kThreads; ++t) {
       for (const auto& job : jobs[t]) {

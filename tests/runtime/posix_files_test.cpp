@@ -248,6 +248,21 @@ TEST_F(PosixFilesTest, StatTellsTheSameFileByDeviceAndInode) {
   EXPECT_EQ(file.inode, behind_link.inode);
 }
 
+TEST_F(PosixFilesTest, StatTellsTheLastChangeInNanoseconds) {
+  Put(name_, "abc");
+  const timespec times[2] = {{7, 7}, {1234567890, 123456789}};
+  ASSERT_EQ(utimensat(AT_FDCWD, name_.c_str(), times, 0), 0);
+  vesk::FileInfo info;
+  EXPECT_EQ(Stat(name_, &info), 0);
+  EXPECT_EQ(info.modified_ns, 1234567890123456789);
+  for (const bool write : {true, false}) {
+    ASSERT_EQ(utimensat(AT_FDCWD, name_.c_str(), times, 0), 0);
+    EXPECT_EQ(write ? Write(name_, "X", 0) : DoOnName(vesk::OPCODE_TRUNCATE, name_, 1), 0);
+    EXPECT_EQ(Stat(name_, &info), 0);
+    EXPECT_GT(info.modified_ns, 1234567890123456789);
+  }
+}
+
 TEST_F(PosixFilesTest, WithoutMemoryAJobFailsAndNoMore) {
   Put(name_, "0123456789");
   bool fired = true;
