@@ -3,11 +3,15 @@
 #ifndef PROGRAMS_SETTINGS_SOURCE_H_
 #define PROGRAMS_SETTINGS_SOURCE_H_
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
 #include "runtime/settings.h"
+
+namespace CLI {
+class App;
+class ParseError;
+}  // namespace CLI
 
 namespace vesk {
 

@@ -22,10 +22,10 @@ namespace vesk {
 
 struct Settings;
 
-// A block loses its bytes when its write ends in an error. So a write that fails does not end: it
-// is parked and tried again, whatever the error (a full disk can be cleared), until it succeeds or
-// its owner gives it up. The other jobs have somebody waiting: they are tried again a few times,
-// and only where the error may pass.
+// Whoever asked for a write that ends in an error has to begin again, or loses its bytes. So a
+// write that fails does not end: it is parked and tried again, whatever the error (a full disk can
+// be cleared), until it succeeds or its owner gives it up. The other jobs have somebody waiting:
+// they are tried again a few times, and only where the error may pass.
 //   Owns     borrows settings and clock, which outlive it; the jobs it parks
 //   Threads  any
 //

@@ -59,7 +59,7 @@ struct VeskRuntime::Parts {
       logger.Error(At(100), "%s write-back O:%llu L:%llu fails with errno %d, %s\n",
                    failure.name.c_str(), static_cast<unsigned long long>(failure.offset),
                    static_cast<unsigned long long>(failure.length), failure.error,
-                   failure.given_up ? "bytes given up" : "kept and tried again");
+                   failure.given_up ? "no longer kept by the runtime" : "kept and tried again");
       reaper.WriteFails(failure);
     });
     stack.retry()->OnWriteRecovered([this](const std::string& name) {

@@ -23,13 +23,14 @@ namespace vesk {
 //     vesk::Settings settings;
 //     settings.store = "posix,retry";
 //     vesk::VeskRuntime runtime(settings);
-//     vesk::FileInfo info;
-//     if (runtime.store().Stat("a.bin", &info) == 0) { ... vesk::File file(runtime.services(), ...
+//     vesk::FileSystem files(runtime.services(), runtime.store(), vesk::OptionsFrom(settings));
+//     std::unique_ptr<vesk::FileHandle> file;
+//     if (files.Open("a.bin", {}, &file).ok()) { ... file->ReadAt(...
 //
 // Logger, store (as `settings.store` describes it), dispatcher and reaper are made in this order
 // and taken down in the opposite one; gEnv is set from the constructor to the destructor.
 //   Owns     all of its parts; borrows settings and clock, which outlive it
-//   Before   one object at a time; every file is closed before it is destroyed
+//   Before   one object at a time; every file system is destroyed before it is
 //   Threads  made and destroyed by one thread; everything in between from any
 class VeskRuntime {
  public:
@@ -55,7 +56,7 @@ class VeskRuntime {
   // What the store turned out to be: "io_uring", "threads" or "memory".
   const std::string& backend_name() const;
 
-  // For vesk::File.
+  // For a FileSystem.
   Services services();
 
   // Limits for a request that begins now: the setting request-timeout, and `cancel`, which may be

@@ -1,4 +1,4 @@
-// What an open file needs of the runtime.
+// What the file-access layer needs of the runtime.
 
 #ifndef RUNTIME_SERVICES_H_
 #define RUNTIME_SERVICES_H_
@@ -14,8 +14,10 @@ class VeskBundler;
 struct Services {
   VeskBundler& bundler;
   Clock& clock;
-  Reaper* reaper = nullptr;         // null: finished jobs are only collected by later requests
-  RetryDecorator* retry = nullptr;  // null: a failed write-back loses its bytes
+  Reaper* reaper = nullptr;  // null: finished jobs are only collected by later requests
+  // Null: a write-back that fails ends. Its bytes stay dirty in their file all the same, which
+  // writes them again.
+  RetryDecorator* retry = nullptr;
 };
 
 }  // namespace vesk

@@ -31,6 +31,7 @@ constexpr Suffix kDurations[] = {
 
 constexpr std::size_t kLongestText = 4096;  // as long as a path can be
 constexpr std::uint64_t kHourMs = std::uint64_t{3600} * 1000;
+constexpr std::uint64_t kLargestSize = std::uint64_t{1} << 40;
 constexpr std::uint64_t kLargestBlock = 100 * 1024 * 1024 - 1;  // what the cache allocates at most
 
 // What a setting's unit is worth: that of a duration in microseconds, any other is the smallest.
@@ -139,9 +140,9 @@ Setting Size(const char* name, const char* group, Field Settings::*field, std::u
   return Number(name, group, SettingType::kSize, "bytes", field, least, most, help);
 }
 
-Setting Milliseconds(const char* name, const char* group,
-                     std::atomic<std::int64_t> Settings::*field, std::uint64_t least,
-                     std::uint64_t most, const char* help) {
+template <class Field>
+Setting Milliseconds(const char* name, const char* group, Field Settings::*field,
+                     std::uint64_t least, std::uint64_t most, const char* help) {
   return Number(name, group, SettingType::kDuration, "ms", field, least, most, help);
 }
 
@@ -190,12 +191,23 @@ std::vector<Setting> MakeTable() {
          "Go past the system's page cache (O_DIRECT) where the alignment allows it"),
 
     Size("block-size", "cache", &S::block_size, 1, kLargestBlock, "Bytes of a cache block"),
-    Count("max-blocks", "cache", &S::max_blocks, 1, 1000000, "Blocks kept in memory per file"),
     Count("read-ahead", "cache", &S::read_ahead, 0, 99,
           "Blocks fetched ahead of a sequential reader; 0: off"),
     Number("refresh-interval", "cache", SettingType::kDuration, "s", &S::refresh_interval, 0,
            std::numeric_limits<int>::max(),
-           "Age at which a cached block is fetched again; 0: never, and no read-ahead"),
+           "Age at which cached bytes are fetched again and the file is checked for changes; 0: never, "
+           "and no read-ahead"),
+    Choice("when-unknown", "cache", SettingType::kChoice, &S::when_unknown, {"serve", "fail"},
+           "What to do with cached bytes of that age when the store cannot tell whether its file has "
+           "changed"),
+    Size("memory", "cache", &S::memory, 1, kLargestSize,
+         "Bytes that all cached blocks take together at most"),
+    Size("dirty-soft", "cache", &S::dirty_soft, 0, kLargestSize,
+         "Bytes not yet stored from which on they are written out and writers are slowed down"),
+    Size("dirty-hard", "cache", &S::dirty_hard, 1, kLargestSize,
+         "Bytes not yet stored at which writers wait"),
+    Milliseconds("dirty-age", "cache", &S::dirty_age_ms, 1, 24 * kHourMs,
+                 "Bytes not yet stored for longer are written out"),
 
     Milliseconds("request-timeout", "requests", &S::request_timeout_ms, 0, 24 * kHourMs,
                  "A request that takes longer fails; 0: none does"),
@@ -209,9 +221,9 @@ std::vector<Setting> MakeTable() {
     Count("retry-read-attempts", "retry", &S::retry_read_attempts, 1, 1000,
           "Tries of a read that fails for a passing reason, the first one included"),
     Count("retry-parked-jobs", "retry", &S::retry_parked_jobs, 0, 1000000,
-          "Failing writes kept to be tried again; one more is given up: its bytes are lost, and the "
-          "error says so; 0: no limit"),
-    Size("retry-parked-bytes", "retry", &S::retry_parked_bytes, 0, std::uint64_t{1} << 40,
+          "Failing writes kept to be tried again; one more ends with its error, and the file writes its "
+          "bytes again later; 0: no limit"),
+    Size("retry-parked-bytes", "retry", &S::retry_parked_bytes, 0, kLargestSize,
          "Bytes of failing writes kept at most, likewise; 0: no limit"),
     Milliseconds("retry-parked-age", "retry", &S::retry_parked_age_ms, 0, std::uint64_t{30} * 24 * kHourMs,
                  "A write that has failed for longer is given up, likewise; 0: never"),
@@ -226,7 +238,7 @@ std::vector<Setting> MakeTable() {
           "Lines kept in memory; 0: none"),
     Bool("log-stderr", "log", &S::log_stderr, "Log to standard error"),
     Text("log-file", "log", &S::log_file, "Log to this file; empty: to none"),
-    Size("log-file-size", "log", &S::log_file_size, 4096, std::uint64_t{1} << 40,
+    Size("log-file-size", "log", &S::log_file_size, 4096, kLargestSize,
          "Size at which a new log file is begun"),
     Count("log-file-count", "log", &S::log_file_count, 1, 1000,
           "Log files kept, the current one included"),
@@ -337,6 +349,14 @@ std::string Parse(const Setting& setting, const std::string& text, std::uint64_t
   return ParseNumber(setting, text, value);
 }
 
+SettingConflict Conflict(const std::string& name, const std::string& is_what,
+                         const std::string& other, const Settings& settings) {
+  const auto told = [&settings](const std::string& one) {
+    return one + " (" + ValueText(*FindSetting(one), settings) + ')';
+  };
+  return {name, other, told(name) + is_what + told(other)};
+}
+
 void CopySetting(const Setting& setting, const Settings& from, Settings* to) {
   if (setting.text != nullptr) {
     to->*setting.text = from.*setting.text;
@@ -431,13 +451,11 @@ std::string EnvironmentName(const Setting& setting) {
 }
 
 std::optional<SettingConflict> FindConflict(const Settings& settings) {
-  if (Get(settings.retry_first_delay_ms) <= Get(settings.retry_longest_delay_ms)) return {};
-  const std::string first = "retry-first-delay";
-  const std::string longest = "retry-longest-delay";
-  return SettingConflict{first, longest,
-                         first + " (" + ValueText(*FindSetting(first), settings) +
-                             ") is longer than " + longest + " (" +
-                             ValueText(*FindSetting(longest), settings) + ')'};
+  if (settings.dirty_soft > settings.dirty_hard)
+    return Conflict("dirty-soft", " is larger than ", "dirty-hard", settings);
+  if (Get(settings.retry_first_delay_ms) > Get(settings.retry_longest_delay_ms))
+    return Conflict("retry-first-delay", " is longer than ", "retry-longest-delay", settings);
+  return {};
 }
 
 void CopySettings(const Settings& from, Settings* to) {

@@ -18,6 +18,8 @@ namespace vesk {
 
 enum class LogFormat { kText, kJson };
 
+enum class UnknownPolicy { kServe, kFail };
+
 // The values; what each one means, and its range, stands in SettingTable(). The defaults stand here
 // and nowhere else.
 //   Units    bytes, or what a name ends with
@@ -35,8 +37,12 @@ struct Settings : VeskSettings {
 
   // cache; refresh_interval is inherited
   unsigned block_size = 256 * 1024;
-  unsigned max_blocks = 32;
   unsigned read_ahead = 8;
+  std::uint64_t memory = std::uint64_t{256} << 20;
+  std::uint64_t dirty_soft = std::uint64_t{64} << 20;
+  std::uint64_t dirty_hard = std::uint64_t{128} << 20;
+  std::int64_t dirty_age_ms = std::int64_t{5} * 1000;
+  UnknownPolicy when_unknown = UnknownPolicy::kServe;
 
   // requests
   std::atomic<std::int64_t> request_timeout_ms{0};

@@ -17,7 +17,7 @@ struct WriteFailure {
   int error;          // a positive errno value
   bool transient;     // it may pass by itself
   unsigned attempts;  // so far
-  bool given_up;      // the write ends with `error`, its bytes are lost; else it is tried again
+  bool given_up;      // the write ends with `error`: its file has the bytes; else it is tried again
 };
 
 }  // namespace vesk

@@ -1,6 +1,5 @@
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <string>
@@ -23,40 +22,45 @@ int WriteAll(int fd, const unsigned char* bytes, std::size_t length) {
   return 0;
 }
 
-// Moves the file to standard output.
-int CatWhole(World& world, vesk::File& file, std::uint64_t size) {
+// Moves the file to standard output; `*offset` counts the bytes.
+int CatWhole(World& world, vesk::FileHandle& file, std::uint64_t* offset) {
   const std::string& name = world.options().source;
-  std::vector<unsigned char> chunk(
-      std::min<std::uint64_t>(ChunkSize(world.shape()), std::max<std::uint64_t>(size, 1)));
-  for (std::uint64_t offset = 0; offset < size;) {
-    const vesk::RequestScope scope(world.NewLimits());
+  const std::uint64_t size = file.Size();
+  std::vector<unsigned char> chunk(kChunkSize);
+  for (;;) {
     std::size_t count = 0;
-    const int error = file.ReadAt(chunk.data(), chunk.size(), offset, &count);
-    if (error != 0) return World::Fail("read", name, file, error);
-    if (count == 0) {
-      return World::Fail("read", name, std::string("The file became shorter while it was read"));
+    vesk::Status status;
+    {
+      const vesk::RequestScope scope(world.NewLimits());
+      status = file.ReadAt(chunk.data(), chunk.size(), *offset, &count);
     }
     if (const int failed = WriteAll(STDOUT_FILENO, chunk.data(), count)) {
-      return World::Fail("write to", "standard output", failed);
+      return world.Fail("write to", "standard output", failed);
     }
-    offset += count;
+    *offset += count;
+    if (!status.ok()) return world.Fail("read", name, file, status);
+    if (count == 0) break;
   }
-  return kExitOk;
+  if (*offset >= size) return kExitOk;
+  return world.Fail("read", name, std::string("The file became shorter while it was read"));
 }
 
 }  // namespace
 
 int Cat(World& world) {
-  const Options& options = world.options();
-  vesk::FileInfo info;
+  std::unique_ptr<vesk::FileHandle> file;
   {
     const vesk::RequestScope scope(world.NewLimits());
-    if (const int status = world.CheckSource(options.source, &info)) return status;
+    if (const int status = world.OpenSource("read", &file)) return status;
   }
-  auto file = std::make_unique<vesk::File>(world.runtime().services(), options.source, info.size,
-                                           world.shape());
-  const int status = CatWhole(world, *file, info.size);
-  if (status == kExitOk && options.stats) world.Report("Read", info.size, file.get(), nullptr);
+  file->Advise(vesk::Advice::kSequential);
+  Moved moved;
+  const int status = CatWhole(world, *file, &moved.done);
+  if (status == kExitOk && world.options().stats) {
+    moved.data = moved.done;
+    world.status_line().Print(Summary("Read", moved, world.Elapsed()));
+    world.Report(file->GetStats(), nullptr);
+  }
   const vesk::RequestScope scope(world.LeavingLimits());
   file.reset();
   return status;

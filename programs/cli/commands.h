@@ -16,6 +16,10 @@ int Cat(World& world);
 // failure may pass; otherwise it ends the copy.
 int Copy(World& world);
 
+// Tells what the cache knows of the source before it has read anything of it, and how it would keep
+// it.
+int Stat(World& world);
+
 // Lists all settings with the values they have.
 int ListSettings(const Options& options, const vesk::Settings& settings);
 

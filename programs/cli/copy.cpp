@@ -4,33 +4,24 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "programs/cli/commands.h"
+#include "runtime/ticker.h"
 
 namespace vesk_cli {
 
 namespace {
 
-int Interrupted(const World& world) {
-  World::Fail("copy to", world.options().destination, std::string("Interrupted"));
+int Interrupted(World& world) {
+  world.Fail("copy to", world.options().destination, std::string("Interrupted"));
   return 128 + world.interrupted_by();
-}
-
-// Why the copy cannot go on: a signal; a failing write-back that will not pass, for which every
-// request was called off; or `error`, which `what` met.
-int CannotGoOn(const World& world, const vesk::File& to, const std::string& what,
-               const std::string& name, const vesk::File& file, int error) {
-  if (world.interrupted_by() != 0) return Interrupted(world);
-  if (error == ECANCELED && to.LastWriteFailure() != 0) {
-    return World::Fail("write", world.options().destination, to.LastWriteFailure());
-  }
-  return World::Fail(what, name, file, error);
 }
 
 // The name behind symbolic links, so that a link stays one when its target is replaced.
@@ -50,14 +41,14 @@ int CheckDestination(World& world, const vesk::FileInfo& source, mode_t* permiss
     *permissions = source.mode & 0777 & ~mask;
     return kExitOk;
   }
-  if (error != 0) return World::Fail("write", name, error);
-  if (S_ISDIR(info.mode)) return World::Fail("write", name, EISDIR);
-  if (!S_ISREG(info.mode)) return World::Fail("write", name, std::string("Not a regular file"));
+  if (error != 0) return world.Fail("write", name, error);
+  if (S_ISDIR(info.mode)) return world.Fail("write", name, EISDIR);
+  if (!S_ISREG(info.mode)) return world.Fail("write", name, std::string("Not a regular file"));
   if (info.device == source.device && info.inode == source.inode) {
-    return World::Fail("write", name, std::string("It is the same file as the source"));
+    return world.Fail("write", name, std::string("It is the same file as the source"));
   }
   if (const int denied = world.store().Open(name, vesk::Access::kWrite)) {
-    return World::Fail("write", name, denied);
+    return world.Fail("write", name, denied);
   }
   *permissions = info.mode & 07777;
   return kExitOk;
@@ -67,17 +58,17 @@ int CheckDestination(World& world, const vesk::FileInfo& source, mode_t* permiss
 class PartialFile {
  public:
   PartialFile(World& world, const std::string& destination)
-      : world_(world), store_(world.store()), destination_(destination) {}
+      : world_(world), destination_(destination) {}
   ~PartialFile() {
-    if (!exists_) return;
     const vesk::RequestScope scope(world_.LeavingLimits());
-    const int error = store_.Remove(name_);
-    if (error != 0 && error != ENOENT) World::Fail("remove", name_, error);
+    if (exists_) Remove();
+    file_.reset();
   }
   PartialFile(const PartialFile&) = delete;
   PartialFile& operator=(const PartialFile&) = delete;
 
-  const std::string& name() const { return name_; }
+  //   Before   Create has returned 0
+  vesk::FileHandle& file() { return *file_; }
 
   int Create(mode_t permissions) {
     const std::string directory = destination_.substr(0, destination_.rfind('/') + 1);
@@ -86,130 +77,287 @@ class PartialFile {
     for (int attempt = 0; error == EEXIST && attempt < kAttempts; ++attempt) {
       name_ = directory + ".vesk-cp-" + std::to_string(getpid()) + "-" + std::to_string(attempt) +
               ".partial";
-      error = store_.Create(name_, permissions);
+      error = world_.store().Create(name_, permissions);
     }
     exists_ = error == 0;
-    return error;
+    if (error != 0) return error;
+    vesk::OpenOptions options;
+    options.write = true;
+    return world_.files().Open(name_, options, &file_).error();
   }
 
-  // Gives it its length, for a file may end in a hole, makes it durable, and then the destination.
-  int Finish(std::uint64_t size) {
-    if (const int error = store_.Truncate(name_, size)) return error;
-    if (const int error = store_.Sync(name_)) return error;
-    const int error = store_.Rename(name_, destination_);
-    if (error == 0) exists_ = false;
-    return error;
+  vesk::Status TakeDestination() {
+    vesk::Status status = world_.files().Rename(name_, destination_);
+    if (status.ok()) exists_ = false;
+    return status;
   }
 
  private:
   static constexpr int kAttempts = 100;
 
+  // Gives up what is not stored: it would go to a file that is not to stay. What is on its way may
+  // arrive when it likes: nobody else will have that name. So the store is asked itself, which does
+  // not wait for that.
+  void Remove() {
+    if (file_ != nullptr) file_->Discard();
+    const int error = world_.store().Remove(name_);
+    if (error != 0 && error != ENOENT) world_.Fail("remove", name_, error);
+  }
+
   World& world_;
-  vesk::Store& store_;
   const std::string destination_;
   std::string name_;
   bool exists_ = false;
+  std::unique_ptr<vesk::FileHandle> file_;
 };
 
+// Shows how far the copy is, several times a second, until it is destroyed. In a thread of its own,
+// since a store may keep the copy waiting.
+//   Threads  Advance from one thread at a time
+class ProgressDisplay {
+ public:
+  ProgressDisplay(World& world, std::uint64_t total)
+      : world_(world), progress_(total, world.runtime().clock().Now()) {
+    if (!world.ShowsProgress()) return;
+    ticker_ =
+        std::make_unique<vesk::Ticker>(world.runtime().clock(), kInterval, [this] { Show(); });
+  }
+  ~ProgressDisplay() {
+    ticker_.reset();
+    world_.status_line().Show("");
+  }
+  ProgressDisplay(const ProgressDisplay&) = delete;
+  ProgressDisplay& operator=(const ProgressDisplay&) = delete;
+
+  // The copy is at `done`, and `data` bytes more were moved.
+  void Advance(std::uint64_t done, std::uint64_t data) {
+    done_.store(done, std::memory_order_relaxed);
+    data_.fetch_add(data, std::memory_order_relaxed);
+  }
+
+  Moved moved() const {
+    Moved moved;
+    moved.done = done_.load(std::memory_order_relaxed);
+    moved.data = data_.load(std::memory_order_relaxed);
+    return moved;
+  }
+
+ private:
+  // Also the time before the first line: a copy that is done by then shows none.
+  static constexpr vesk::Clock::Duration kInterval = std::chrono::milliseconds(250);
+
+  void Show() {
+    try {
+      Moved now = moved();
+      now.unsaved = world_.files().GetStats().dirty;
+      const unsigned columns = TerminalColumns(STDERR_FILENO);
+      world_.status_line().Show(progress_.Line(now, world_.runtime().clock().Now(), columns));
+    } catch (const std::bad_alloc&) {  // the next one comes
+    }
+  }
+
+  World& world_;
+  Progress progress_;  // the ticker's
+  std::atomic<std::uint64_t> done_{0};
+  std::atomic<std::uint64_t> data_{0};
+  std::unique_ptr<vesk::Ticker> ticker_;
+};
+
+// Requests to the unfinished copy, and what becomes of its write-backs: where the store tries them
+// again, a failure that may pass is said once and waited out; any other calls the copy off.
+class Writer {
+ public:
+  Writer(World& world, vesk::FileHandle& file) : world_(world), file_(file) {
+    file.OnWriteFailure([this](const vesk::WriteFailure& failure) { Judge(failure); });
+  }
+  ~Writer() {
+    file_.OnWriteFailure([](const vesk::WriteFailure& /*failure*/) {});
+  }
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+
+  // Why a write-back failed for good, for which everything was called off; 0: none has.
+  int failed_for_good() const { return failed_for_good_; }
+
+  // Bytes that would have to wait for a failing write-back wait until the store has taken that.
+  vesk::Status WriteAt(const unsigned char* source, std::size_t length, std::uint64_t offset) {
+    for (std::size_t done = 0;;) {
+      std::size_t moved = 0;
+      vesk::Status status = file_.WriteAt(source + done, length - done, offset + done, &moved);
+      done += moved;
+      if (status.ok() || !HeardMore(&heard_by_writes_)) return status;
+      status = Sync();
+      if (!status.ok()) return status;
+    }
+  }
+
+  // Makes all of it durable, with this length, for the file may end in a hole.
+  vesk::Status Finish(std::uint64_t size) {
+    const vesk::RequestScope scope(world_.NewLimits());
+    vesk::Status status = Sync();
+    if (status.ok() && file_.Size() != size) {
+      status = file_.Truncate(size);
+      if (status.ok()) status = Sync();
+    }
+    if (status.ok()) stats_ = file_.GetStats();
+    return status.ok() ? file_.Close() : status;
+  }
+
+  // As it was when all was stored.
+  const vesk::FileStats& stats() const { return stats_; }
+
+ private:
+  //   Threads  any, with locks held
+  void Judge(const vesk::WriteFailure& failure) {
+    if (world_.runtime().retry() == nullptr || !failure.transient || failure.given_up) {
+      failed_for_good_ = failure.error;
+      world_.CallOff();
+    } else if (heard_++ == 0) {
+      world_.Say("writing '" + world_.options().destination + "' fails now and is tried again: " +
+                 std::generic_category().message(failure.error));
+    }
+  }
+
+  // A sync is told of each write-back that has failed, once, and otherwise waits for those that
+  // fail: it is made again while that is what it was told. One that fails itself is not: bytes may
+  // be lost that a second one would say nothing of.
+  vesk::Status Sync() {
+    for (;;) {
+      vesk::Status status = file_.Sync();
+      if (status.ok() || !HeardMore(&heard_by_syncs_)) return status;
+    }
+  }
+
+  // True: write-backs have failed since requests of this kind last asked, and may pass; so that is
+  // what the request was told. False as well when it has met its limits.
+  bool HeardMore(unsigned* heard) {
+    const unsigned before = std::exchange(*heard, heard_);
+    return *heard != before && failed_for_good_ == 0 &&
+           vesk::RequestScope::Exceeded(world_.runtime().clock()) == 0;
+  }
+
+  World& world_;
+  vesk::FileHandle& file_;
+  vesk::FileStats stats_;
+  std::atomic<int> failed_for_good_{0};
+  std::atomic<unsigned> heard_{0};  // failures that may pass
+  unsigned heard_by_writes_ = 0;
+  unsigned heard_by_syncs_ = 0;
+};
+
+// Why the copy cannot go on: a signal; a write-back that failed for good; or `status`, which a
+// request to `file` met.
+int CannotGoOn(World& world, const Writer& to, const std::string& what, const std::string& name,
+               const vesk::FileHandle& file, const vesk::Status& status) {
+  if (world.interrupted_by() != 0) return Interrupted(world);
+  if (to.failed_for_good() != 0) {
+    return world.Fail("write", world.options().destination, to.failed_for_good());
+  }
+  return world.Fail(what, name, file, status);
+}
+
 // Moves the source's data; holes are passed over.
-int CopyData(World& world, vesk::File& from, vesk::File& to, std::uint64_t size) {
+int CopyData(World& world, vesk::FileHandle& from, vesk::FileHandle& to, Writer& writer,
+             std::uint64_t size, ProgressDisplay& progress) {
   const Options& options = world.options();
-  std::vector<unsigned char> chunk(ChunkSize(world.shape()));
+  std::vector<unsigned char> chunk(kChunkSize);
   vesk::Extent extent;
   for (std::uint64_t offset = 0; offset < size;) {
     const vesk::RequestScope scope(world.NewLimits());
     if (world.interrupted_by() != 0) return Interrupted(world);
     if (offset >= extent.end) {
       const int error = world.store().NextData(options.source, offset, &extent);
-      if (error != 0) return CannotGoOn(world, to, "read", options.source, from, error);
-      if (extent.begin >= extent.end) return kExitOk;  // a hole to the end
-      offset = extent.begin;
+      if (error != 0) {
+        return CannotGoOn(world, writer, "read", options.source, from, {error, "next data"});
+      }
+      offset = extent.begin >= extent.end ? size : std::min(extent.begin, size);
+      progress.Advance(offset, 0);
+      continue;
     }
     const std::size_t wanted =
         std::min<std::uint64_t>(chunk.size(), std::min(extent.end, size) - offset);
     std::size_t count = 0;
-    if (const int error = from.ReadAt(chunk.data(), wanted, offset, &count)) {
-      return CannotGoOn(world, to, "read", options.source, from, error);
-    }
+    vesk::Status status = from.ReadAt(chunk.data(), wanted, offset, &count);
+    if (!status.ok()) return CannotGoOn(world, writer, "read", options.source, from, status);
     if (count < wanted) {
-      return World::Fail("read", options.source,
-                         std::string("The file became shorter while it was copied"));
+      return world.Fail("read", options.source,
+                        std::string("The file became shorter while it was copied"));
     }
-    if (const int error = to.WriteAt(chunk.data(), count, offset)) {
-      return CannotGoOn(world, to, "write", options.destination, to, error);
-    }
+    status = writer.WriteAt(chunk.data(), count, offset);
+    if (!status.ok()) return CannotGoOn(world, writer, "write", options.destination, to, status);
     offset += count;
+    progress.Advance(offset, count);
   }
   return kExitOk;
 }
 
-// Checks both names and makes the unfinished copy.
-int Prepare(World& world, vesk::FileInfo* source, PartialFile* partial) {
+// Moves all bytes and completes the copy.
+int CopyWhole(World& world, vesk::FileHandle& from, PartialFile& partial) {
+  const Options& options = world.options();
+  const std::uint64_t size = from.Size();
+  Writer writer(world, partial.file());
+  const auto cannot = [&](const char* what, const vesk::Status& status) {
+    return CannotGoOn(world, writer, what, options.destination, partial.file(), status);
+  };
+  Moved moved;
+  {
+    ProgressDisplay progress(world, size);
+    if (const int status = CopyData(world, from, partial.file(), writer, size, progress)) {
+      return status;
+    }
+    if (const vesk::Status status = writer.Finish(size); !status.ok()) {
+      return cannot("write", status);
+    }
+    if (world.interrupted_by() != 0) return Interrupted(world);
+    const vesk::RequestScope scope(world.NewLimits());
+    if (const vesk::Status status = partial.TakeDestination(); !status.ok()) {
+      return cannot("complete", status);
+    }
+    moved = progress.moved();
+  }
+  if (options.stats || world.ShowsProgress()) {
+    world.status_line().Print(Summary("Copied", moved, world.Elapsed()));
+  }
+  if (options.stats) world.Report(from.GetStats(), &writer.stats());
+  return kExitOk;
+}
+
+// Checks both names, opens the source and makes the unfinished copy.
+int Prepare(World& world, std::unique_ptr<vesk::FileHandle>* from, PartialFile* partial) {
+  const Options& options = world.options();
   mode_t permissions = 0;
   {
     const vesk::RequestScope scope(world.NewLimits());
-    if (const int status = world.CheckSource(world.options().source, source)) return status;
-    if (const int status = CheckDestination(world, *source, &permissions)) return status;
+    if (const int status = world.OpenSource("read", from)) return status;
+    vesk::FileInfo source;
+    if (const int error = world.store().Stat(options.source, &source)) {
+      return world.Fail("read", options.source, error);
+    }
+    if (const int status = CheckDestination(world, source, &permissions)) return status;
   }
   // Not called off by a signal: the file might come into being after it was removed.
   const vesk::RequestScope scope(world.LeavingLimits());
   const int error = partial->Create(permissions);
-  return error == 0 ? kExitOk : World::Fail("create", world.options().destination, error);
-}
-
-// A failure that may pass is waited out, said once; any other ends the copy.
-void Judge(World& world, const vesk::WriteFailure& failure) {
-  if (!failure.transient || failure.given_up) {
-    world.CallOff();
-    return;
-  }
-  static std::atomic<bool> said{false};
-  if (said.exchange(true)) return;
-  std::fprintf(stderr, "vesk: writing '%s' fails now and is tried again: %s\n",
-               world.options().destination.c_str(),
-               std::generic_category().message(failure.error).c_str());
-}
-
-// Moves all bytes and completes the copy; or gives up what is not written yet, since the unfinished
-// file is to be removed.
-int CopyWhole(World& world, vesk::File& from, vesk::File& to, std::uint64_t size,
-              PartialFile* partial) {
-  const std::string& destination = world.options().destination;
-  int status = CopyData(world, from, to, size);
-  if (status == kExitOk) {
-    const vesk::RequestScope scope(world.NewLimits());
-    if (const int error = to.Close()) {
-      status = CannotGoOn(world, to, "write", destination, to, error);
-    } else if (world.interrupted_by() != 0) {
-      status = Interrupted(world);
-    } else if (const int failed = partial->Finish(size)) {
-      status = CannotGoOn(world, to, "complete", destination, to, failed);
-    }
-  }
-  if (status != kExitOk) to.Discard();
-  return status;
+  return error == 0 ? kExitOk : world.Fail("create", options.destination, error);
 }
 
 }  // namespace
 
 int Copy(World& world) {
-  const Options& options = world.options();
-  PartialFile partial(world, Resolved(options.destination));
-  vesk::FileInfo source;
-  if (const int status = Prepare(world, &source, &partial)) {
-    return world.interrupted_by() != 0 ? 128 + world.interrupted_by() : status;
-  }
-  const vesk::Services services = world.runtime().services();
-  auto from = std::make_unique<vesk::File>(services, options.source, source.size, world.shape());
-  auto to = std::make_unique<vesk::File>(services, partial.name(), 0, world.shape());
-  to->OnWriteFailure([&world](const vesk::WriteFailure& failure) { Judge(world, failure); });
-  const int status = CopyWhole(world, *from, *to, source.size, &partial);
-  if (status == kExitOk && options.stats) {
-    world.Report("Copied", source.size, from.get(), to.get());
+  std::unique_ptr<vesk::FileHandle> from;
+  int status = kExitOk;
+  {
+    PartialFile partial(world, Resolved(world.options().destination));
+    status = Prepare(world, &from, &partial);
+    if (status != kExitOk) {
+      if (world.interrupted_by() != 0) status = 128 + world.interrupted_by();
+    } else {
+      from->Advise(vesk::Advice::kSequential);
+      status = CopyWhole(world, *from, partial);
+    }
   }
   const vesk::RequestScope scope(world.LeavingLimits());
   from.reset();
-  to.reset();
   return status;
 }
 

@@ -1,4 +1,4 @@
-// The command line: vesk cat FILE, vesk cp SRC DST, vesk settings.
+// The command line: vesk cat FILE, vesk cp SRC DST, vesk stat FILE, vesk settings.
 
 #include <signal.h>
 
@@ -13,8 +13,11 @@
 namespace {
 
 int Run(vesk_cli::World& world) {
-  return world.options().command == vesk_cli::Options::Command::kCopy ? vesk_cli::Copy(world)
-                                                                      : vesk_cli::Cat(world);
+  using Command = vesk_cli::Options::Command;
+  const Command command = world.options().command;
+  if (command == Command::kCopy) return vesk_cli::Copy(world);
+  if (command == Command::kStat) return vesk_cli::Stat(world);
+  return vesk_cli::Cat(world);
 }
 
 }  // namespace

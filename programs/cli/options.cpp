@@ -29,6 +29,7 @@ std::string CommandName(const Options& options) {
   switch (options.command) {
     case Options::Command::kCat: return "vesk cat";
     case Options::Command::kCopy: return "vesk cp";
+    case Options::Command::kStat: return "vesk stat";
     case Options::Command::kSettings: return "vesk settings";
   }
   return "vesk";
@@ -46,13 +47,19 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
   copy->add_option("SRC", options->source, "The file to copy")->required();
   copy->add_option("DST", options->destination, "The name of the copy; replaced when it exists")
       ->required();
+  copy->add_option("--progress", options->progress,
+                   "Show on standard error how far the copy is; auto: when that is a terminal")
+      ->check(CLI::IsMember({"auto", "always", "never"}))
+      ->capture_default_str();
   for (CLI::App* const command : {cat, copy}) {
     command->add_flag("--stats", options->stats, "Tell on standard error what the cache did");
   }
+  CLI::App* const stat = app.add_subcommand("stat", "Tell what the cache knows of a file");
+  stat->add_option("FILE", options->source, "The file to ask about")->required();
   CLI::App* const table =
       app.add_subcommand("settings", "List all settings, as a configuration file");
   table->add_flag("--markdown", options->markdown, "As tables for a documentation page");
-  for (CLI::App* const command : {cat, copy, table}) {
+  for (CLI::App* const command : {cat, copy, stat, table}) {
     vesk::AddSettings(command, &options->settings_source);
     command->footer(vesk::SettingsFooter() + "\n\n" + kStores);
   }
@@ -71,14 +78,15 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
     return false;
   } catch (const CLI::ParseError& error) {
     const bool unknown = app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-';
-    PrintUsageError(
-        unknown ? std::string("There is no command '") + argv[1] + "', only cat, cp and settings"
-                : vesk::ParseErrorText(app, error),
-        "vesk");
+    PrintUsageError(unknown ? std::string("There is no command '") + argv[1] +
+                                  "', only cat, cp, stat and settings"
+                            : vesk::ParseErrorText(app, error),
+                    "vesk");
     *status = kExitUsage;
     return false;
   }
   if (copy->parsed()) options->command = Options::Command::kCopy;
+  if (stat->parsed()) options->command = Options::Command::kStat;
   if (table->parsed()) options->command = Options::Command::kSettings;
   const std::string refusal = options->settings_source.Load(settings);
   if (refusal.empty()) return true;

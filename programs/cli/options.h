@@ -11,11 +11,12 @@
 namespace vesk_cli {
 
 struct Options {
-  enum class Command { kCat, kCopy, kSettings };
+  enum class Command { kCat, kCopy, kStat, kSettings };
 
   Command command = Command::kCat;
   std::string source;
-  std::string destination;  // of a copy
+  std::string destination;        // of a copy
+  std::string progress = "auto";  // of a copy: auto, always or never
   bool stats = false;
   bool markdown = false;  // of the table of settings
   vesk::SettingsSource settings_source;

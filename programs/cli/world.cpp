@@ -1,12 +1,11 @@
 #include "programs/cli/world.h"
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <system_error>
 #include <vector>
 
@@ -16,39 +15,46 @@ namespace vesk_cli {
 
 namespace {
 
-std::string Bytes(double bytes) {
-  static const char* const kUnits[] = {"bytes", "KiB", "MiB", "GiB", "TiB"};
-  std::size_t unit = 0;
-  for (; bytes >= 1024 && unit + 1 < std::size(kUnits); ++unit) bytes /= 1024;
+unsigned long long Number(std::uint64_t value) { return value; }
+
+// "97.2 %" of what `part` and `rest` are together.
+std::string Share(std::uint64_t part, std::uint64_t rest) {
+  const double all = static_cast<double>(part) + static_cast<double>(rest);
   char text[32];
-  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", bytes, kUnits[unit]);
+  std::snprintf(text, sizeof text, "%.1f %%",
+                all > 0 ? 100.0 * static_cast<double>(part) / all : 0.0);
   return text;
 }
 
-std::string Bytes(std::uint64_t bytes) { return Bytes(static_cast<double>(bytes)); }
+void PrintPieces(const char* side, const vesk::FileStats& stats) {
+  std::fprintf(stderr, "  %s hits      %8llu   (%s, served by memory at once), %llu missed\n", side,
+               Number(stats.hits), Share(stats.hits, stats.misses).c_str(), Number(stats.misses));
+}
 
-void PrintRequests(const char* side, const vesk::File* file) {
-  if (file == nullptr) return;
-  const vesk::FileStats stats = file->GetStats();
-  const std::uint64_t hits = stats.requests - stats.waited;
-  const double percent =
-      stats.requests == 0 ? 0
-                          : 100.0 * static_cast<double>(hits) / static_cast<double>(stats.requests);
-  std::fprintf(
-      stderr, "  %s requests  %8llu   hits %llu (%.1f %%, served by memory at once), %llu waited\n",
-      side, static_cast<unsigned long long>(stats.requests), static_cast<unsigned long long>(hits),
-      percent, static_cast<unsigned long long>(stats.waited));
+// How many bytes came from the store for each one that was wanted.
+void PrintFetched(const vesk::FileStats& stats) {
+  if (stats.returned == 0) return;
+  std::fprintf(stderr, "  fetched         %8.2f   of what was read: %s for %s\n",
+               static_cast<double>(stats.fetched) / static_cast<double>(stats.returned),
+               BytesText(stats.fetched).c_str(), BytesText(stats.returned).c_str());
 }
 
 double Milliseconds(std::uint64_t nanoseconds) { return static_cast<double>(nanoseconds) / 1e6; }
+
+void PrintThrottled(const vesk::FileStats& stats) {
+  if (stats.throttled == 0) return;
+  const std::chrono::duration<double, std::milli> time = stats.throttled_time;
+  std::fprintf(stderr, "  writes held up  %8llu   times, the store being slower; %.1f ms in all\n",
+               Number(stats.throttled), time.count());
+}
 
 void PrintJobs(const char* side, const vesk::DispatcherStats::Jobs& jobs) {
   std::fprintf(stderr,
                "  %s jobs      %8llu   %s moved from or to storage, %llu failed; "
                "latency p50 %.2f p99 %.2f max %.2f ms\n",
-               side, static_cast<unsigned long long>(jobs.ended), Bytes(jobs.bytes).c_str(),
-               static_cast<unsigned long long>(jobs.failed), Milliseconds(jobs.latency.p50),
-               Milliseconds(jobs.latency.p99), Milliseconds(jobs.latency.max));
+               side, Number(jobs.ended), BytesText(jobs.bytes).c_str(), Number(jobs.failed),
+               Milliseconds(jobs.latency.p50), Milliseconds(jobs.latency.p99),
+               Milliseconds(jobs.latency.max));
 }
 
 void PrintRetries(const vesk::RetryDecorator::Totals& retries) {
@@ -80,6 +86,8 @@ World::World(const Options& options, vesk::Settings& settings)
   if (!signals.empty()) signals_ = std::make_unique<vesk::SignalWatcher>(signals, handle);
   const vesk::MutexLock guard(reload_mutex_);
   runtime_ = std::make_unique<vesk::VeskRuntime>(settings);
+  files_ = std::make_unique<vesk::FileSystem>(runtime_->services(), runtime_->store(),
+                                              vesk::OptionsFrom(settings));
   begin_ = runtime_->clock().Now();
 }
 
@@ -87,9 +95,12 @@ World::~World() {
   // From here on nothing is left to be read again: a hangup that comes now changes nothing.
   if (options_.settings_source.HasFile()) signal(SIGHUP, SIG_IGN);
   signals_.reset();
+  {
+    const vesk::RequestScope scope(LeavingLimits());
+    files_.reset();
+  }
   if (const std::uint64_t lost = runtime_->logger().Dropped()) {
-    std::fprintf(stderr, "vesk: %llu lines could not be written to the log\n",
-                 static_cast<unsigned long long>(lost));
+    std::fprintf(stderr, "vesk: %llu lines could not be written to the log\n", Number(lost));
   }
 }
 
@@ -97,10 +108,6 @@ vesk::RequestLimits World::LeavingLimits() {
   const auto patience =
       std::chrono::milliseconds(settings_.shutdown_timeout_ms.load(std::memory_order_relaxed));
   return {runtime_->clock().Now() + patience, nullptr};
-}
-
-vesk::CacheShape World::shape() const {
-  return {settings_.block_size, settings_.max_blocks, settings_.read_ahead};
 }
 
 void World::Signalled(int signal_number) {
@@ -122,14 +129,22 @@ void World::Signalled(int signal_number) {
 void World::ReloadSettings() {
   const vesk::MutexLock guard(reload_mutex_);
   for (const std::string& line : options_.settings_source.Reload(&settings_).Lines()) {
-    std::fprintf(stderr, "vesk: %s\n", line.c_str());
+    Say(line);
   }
   if (runtime_ != nullptr)
     runtime_->SettingsChanged();  // else it is made with the new values, or not
 }
 
+int World::OpenSource(const std::string& what, std::unique_ptr<vesk::FileHandle>* file) {
+  const std::string& name = options_.source;
+  const vesk::Status status = files_->Open(name, {}, file);
+  if (status.ok()) return kExitOk;
+  if (status.error() == EINVAL) return Fail(what, name, std::string("Not a regular file"));
+  return Fail(what, name, status.error());
+}
+
 int World::Fail(const std::string& what, const std::string& name, const std::string& reason) {
-  std::fprintf(stderr, "vesk: cannot %s '%s': %s\n", what.c_str(), name.c_str(), reason.c_str());
+  Say("cannot " + what + " '" + name + "': " + reason);
   return kExitFailed;
 }
 
@@ -137,50 +152,44 @@ int World::Fail(const std::string& what, const std::string& name, int error) {
   return Fail(what, name, std::generic_category().message(error));
 }
 
-int World::Fail(const std::string& what, const std::string& name, const vesk::File& file,
-                int error) {
-  if (!file.Broken()) return Fail(what, name, error);
+int World::Fail(const std::string& what, const std::string& name, const vesk::FileHandle& file,
+                const vesk::Status& status) {
+  if (!file.Broken()) return Fail(what, name, status.error());
   return Fail(what, name,
               "the cache failed a check of its own, perhaps for lack of memory "
               "(--log-levels error shows which)");
 }
 
-int World::CheckSource(const std::string& name, vesk::FileInfo* info) {
-  if (const int error = store().Stat(name, info)) return Fail("read", name, error);
-  if (S_ISDIR(info->mode)) return Fail("read", name, EISDIR);
-  if (!S_ISREG(info->mode)) return Fail("read", name, std::string("Not a regular file"));
-  if (const int error = store().Open(name, vesk::Access::kRead)) {
-    return Fail("read", name, error);
-  }
-  return kExitOk;
+bool World::ShowsProgress() const {
+  if (options_.progress != "auto") return options_.progress == "always";
+  // Not among lines of a log, and not where a line cannot be written over.
+  const bool logs = settings_.log_stderr && settings_.log_levels != vesk::kLogNothing;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment
+  const char* const terminal = std::getenv("TERM");
+  const bool dumb = terminal != nullptr && std::string(terminal) == "dumb";
+  return isatty(STDERR_FILENO) == 1 && !logs && !dumb;
 }
 
-void World::Report(const std::string& verb, std::uint64_t bytes, const vesk::File* reader,
-                   const vesk::File* writer) {
-  using Seconds = std::chrono::duration<double>;
-  const double seconds = Seconds(runtime_->clock().Now() - begin_).count();
-  std::fprintf(stderr, "%s %s in %.2f s (%s/s)\n", verb.c_str(), Bytes(bytes).c_str(), seconds,
-               Bytes(static_cast<double>(bytes) / std::max(seconds, 1e-6)).c_str());
-  PrintRequests("read ", reader);
-  PrintRequests("write", writer);
+void World::Report(const vesk::FileStats& read, const vesk::FileStats* written) {
+  PrintPieces("read ", read);
+  PrintFetched(read);
+  if (written != nullptr) {
+    PrintPieces("write", *written);
+    PrintThrottled(*written);
+  }
+  std::fprintf(stderr, "  memory          %8s   of %s, at most\n",
+               BytesText(files_->memory_peak()).c_str(), BytesText(settings_.memory).c_str());
   const vesk::DispatcherStats stats = runtime_->dispatcher().GetStats();
   std::fprintf(stderr, "  storage         %s\n", runtime_->backend_name().c_str());
   PrintJobs("read ", stats.reads);
-  if (writer != nullptr) PrintJobs("write", stats.writes);
+  if (written != nullptr) PrintJobs("write", stats.writes);
   std::fprintf(stderr, "  on names        %8llu   jobs; at most %llu jobs in flight at once\n",
-               static_cast<unsigned long long>(stats.names.ended),
-               static_cast<unsigned long long>(stats.max_depth));
+               Number(stats.names.ended), Number(stats.max_depth));
   for (const auto& [tag, waits] : stats.waits) {
     std::fprintf(stderr, "  waits           %8llu   for \"%s\", %.1f ms in all\n",
-                 static_cast<unsigned long long>(waits.count), tag.c_str(),
-                 Milliseconds(waits.nanoseconds));
+                 Number(waits.count), tag.c_str(), Milliseconds(waits.nanoseconds));
   }
   if (runtime_->retry() != nullptr) PrintRetries(runtime_->retry()->GetTotals());
-}
-
-std::size_t ChunkSize(const vesk::CacheShape& shape) {
-  constexpr std::size_t kLeast = 64u << 10;  // small blocks are not a reason for small requests
-  return std::max<std::size_t>(shape.block_size, kLeast);
 }
 
 }  // namespace vesk_cli

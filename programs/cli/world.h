@@ -7,16 +7,21 @@
 #include <memory>
 #include <string>
 
-#include "files/file.h"
+#include "files/file_system.h"
 #include "programs/cli/options.h"
+#include "programs/cli/progress.h"
 #include "runtime/runtime.h"
 #include "runtime/signals.h"
 
 namespace vesk_cli {
 
+// Bytes that a command moves at a time: many enough for a request to cost nothing beside them, few
+// enough to be moved soon.
+constexpr std::size_t kChunkSize = 256u << 10;
+
 class World {
  public:
-  //   Ends in  what VeskRuntime's constructor throws
+  //   Ends in  what the constructors of VeskRuntime and FileSystem throw
   World(const Options& options, vesk::Settings& settings);
   ~World();
   World(const World&) = delete;
@@ -24,8 +29,9 @@ class World {
 
   vesk::VeskRuntime& runtime() { return *runtime_; }
   vesk::Store& store() { return runtime_->store(); }
+  vesk::FileSystem& files() { return *files_; }
   const Options& options() const { return options_; }
-  vesk::CacheShape shape() const;
+  const vesk::Settings& settings() const { return settings_; }
 
   // For a request that begins now.
   vesk::RequestLimits NewLimits() { return runtime_->NewLimits(&cancel_); }
@@ -42,21 +48,30 @@ class World {
   // Calls off every request that has NewLimits, for another reason than a signal.
   void CallOff() { cancel_.Cancel(); }
 
+  // Opens the source, which is to be told of as what could not be `what`.
+  int OpenSource(const std::string& what, std::unique_ptr<vesk::FileHandle>* file);
+
   // Writes "vesk: cannot <what> '<name>': <reason>" to standard error; returns kExitFailed.
-  static int Fail(const std::string& what, const std::string& name, const std::string& reason);
-  static int Fail(const std::string& what, const std::string& name, int error);
+  int Fail(const std::string& what, const std::string& name, const std::string& reason);
+  int Fail(const std::string& what, const std::string& name, int error);
 
   // The same for a request to `file`, whose own failures are told apart from the store's.
-  static int Fail(const std::string& what, const std::string& name, const vesk::File& file,
-                  int error);
+  int Fail(const std::string& what, const std::string& name, const vesk::FileHandle& file,
+           const vesk::Status& status);
 
-  // A regular file that can be read. 0, or the exit status after a message.
-  int CheckSource(const std::string& name, vesk::FileInfo* info);
+  // Writes "vesk: <text>" to standard error.
+  void Say(const std::string& text) { status_line_.Print("vesk: " + text); }
 
-  // Tells what happened, for someone who has never seen the cache: `verb` bytes, time, requests
-  // answered from memory, jobs, waits. `reader` and `writer` may be null.
-  void Report(const std::string& verb, std::uint64_t bytes, const vesk::File* reader,
-              const vesk::File* writer);
+  // Somebody is there to watch a copy, or it was asked for.
+  bool ShowsProgress() const;
+  StatusLine& status_line() { return status_line_; }
+
+  // Time since the program was up.
+  vesk::Clock::Duration Elapsed() { return runtime_->clock().Now() - begin_; }
+
+  // Tells what happened, for someone who has never seen the cache: what memory answered, jobs,
+  // waits. `written` is null where nothing was.
+  void Report(const vesk::FileStats& read, const vesk::FileStats* written);
 
  private:
   void Signalled(int signal_number);
@@ -64,18 +79,17 @@ class World {
 
   const Options& options_;
   vesk::Settings& settings_;
+  StatusLine status_line_{stderr};
   vesk::CancelToken cancel_;
   std::atomic<int> interrupted_by_{0};
   std::atomic<vesk::Clock::Time> interrupted_at_{};
   vesk::Clock::Time begin_;
   vesk::Mutex reload_mutex_;  // held while the runtime is made, and while settings are read again
   std::unique_ptr<vesk::VeskRuntime> runtime_;
+  std::unique_ptr<vesk::FileSystem> files_;
   std::unique_ptr<vesk::SignalWatcher>
       signals_;  // made before all other threads, ended before them
 };
-
-// Bytes that a command moves at a time.
-std::size_t ChunkSize(const vesk::CacheShape& shape);
 
 }  // namespace vesk_cli
 

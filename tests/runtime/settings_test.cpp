@@ -55,9 +55,13 @@ TEST(SettingTableTest, HoldsEverySettingWithItsRangeAndDefault) {
     {"descriptors",         "store",    "1 to 1048576",     "64",              false},
     {"direct",              "store",    "off, on",          "off",             false},
     {"block-size",          "cache",    "1 to 104857599",   "256K",            false},
-    {"max-blocks",          "cache",    "1 to 1000000",     "32",              false},
     {"read-ahead",          "cache",    "0 to 99",          "8",               false},
     {"refresh-interval",    "cache",    "0 to 2147483647s", "30s",             true},
+    {"when-unknown",        "cache",    "serve, fail",      "serve",           false},
+    {"memory",              "cache",    "1 to 1T",          "256M",            false},
+    {"dirty-soft",          "cache",    "0 to 1T",          "64M",             false},
+    {"dirty-hard",          "cache",    "1 to 1T",          "128M",            false},
+    {"dirty-age",           "cache",    "1ms to 24h",       "5s",              false},
     {"request-timeout",     "requests", "0 to 24h",         "0",               true},
     {"shutdown-timeout",    "requests", "0 to 1h",          "10s",             true},
     {"retry-first-delay",   "retry",    "1ms to 1h",        "100ms",           true},
@@ -132,7 +136,7 @@ TEST(SettingTableTest, TakesBothBoundsOfEachRangeAndNothingBeyond) {
     }
     EXPECT_EQ(setting.number(settings), setting.most) << "a refused value was stored";
   }
-  EXPECT_EQ(ranges, 18);
+  EXPECT_EQ(ranges, 21);
 }
 
 TEST(SettingTableTest, StoresEachValueInAFieldOfItsOwn) {
@@ -188,6 +192,11 @@ TEST(SettingTextTest, StoresValuesInTheUnitOfTheField) {
                                                         {"request-timeout", "3s"},
                                                         {"retry-parked-bytes", "2M"},
                                                         {"block-size", "1M"},
+                                                        {"memory", "5G"},
+                                                        {"dirty-soft", "3G"},
+                                                        {"dirty-hard", "4G"},
+                                                        {"dirty-age", "2m"},
+                                                        {"when-unknown", "fail"},
                                                         {"direct", "on"},
                                                         {"log-format", "json"},
                                                         {"log-levels", "debug,error"},
@@ -197,6 +206,11 @@ TEST(SettingTextTest, StoresValuesInTheUnitOfTheField) {
   EXPECT_EQ(settings.request_timeout_ms, 3000);
   EXPECT_EQ(settings.retry_parked_bytes, 2u << 20);
   EXPECT_EQ(settings.block_size, 1u << 20);
+  EXPECT_EQ(settings.memory, std::uint64_t{5} << 30);
+  EXPECT_EQ(settings.dirty_soft, std::uint64_t{3} << 30);
+  EXPECT_EQ(settings.dirty_hard, std::uint64_t{4} << 30);
+  EXPECT_EQ(settings.dirty_age_ms, 120 * 1000);
+  EXPECT_EQ(settings.when_unknown, vesk::UnknownPolicy::kFail);
   EXPECT_TRUE(settings.direct);
   EXPECT_EQ(settings.log_format, vesk::LogFormat::kJson);
   EXPECT_EQ(settings.log_levels, vesk::kLogDebug | vesk::kLogError);
@@ -217,12 +231,12 @@ TEST(SettingTextTest, RefusesWhatIsNotANumberOfTheSetting) {
       "1,", "K",    "s",   "ms",   "iB",  "1 K",          "1KB", "1kb", "1Ki",          "1iB",
       "1P", "1d",   "1S",  "1Ms",  "1KK", "NaN",          "inf", "--",  "\xef\xbc\x91", "1\xc2\xa0",
       "1µ", "1m s", "1ss", "true", "off", "1\xef\xbb\xbf"};
-  for (const char* const name : {"max-blocks", "log-file-size", "retry-first-delay"}) {
+  for (const char* const name : {"read-ahead", "log-file-size", "retry-first-delay"}) {
     for (const std::string& text : hostile)
       EXPECT_TRUE(Begins(Told(name, text), vesk::QuotedText(text) + " is not a "))
           << name << ": " << Told(name, text);
   }
-  EXPECT_TRUE(Begins(Told("max-blocks", "1K"), "'1K' is not a whole number"));
+  EXPECT_TRUE(Begins(Told("read-ahead", "1K"), "'1K' is not a whole number"));
   EXPECT_TRUE(Begins(Told("log-file-size", "1s"), "'1s' is not a size"));
   EXPECT_TRUE(Begins(Told("retry-first-delay", "1K"), "'1K' is not a duration"));
 }
@@ -300,6 +314,18 @@ TEST(SettingConflictTest, ComesOfAFirstDelayAboveTheLongestOne) {
   EXPECT_EQ(conflict->other, "retry-longest-delay");
   EXPECT_EQ(conflict->reason,
             "retry-first-delay (100ms) is longer than retry-longest-delay (99ms)");
+}
+
+TEST(SettingConflictTest, ComesOfASoftLimitAboveTheHardOne) {
+  Settings settings;
+  settings.dirty_soft = settings.dirty_hard;
+  EXPECT_FALSE(vesk::FindConflict(settings)) << "equal is fine";
+  ++settings.dirty_soft;
+  const auto conflict = vesk::FindConflict(settings);
+  ASSERT_TRUE(conflict);
+  EXPECT_EQ(conflict->name, "dirty-soft");
+  EXPECT_EQ(conflict->other, "dirty-hard");
+  EXPECT_EQ(conflict->reason, "dirty-soft (134217729) is larger than dirty-hard (128M)");
 }
 
 TEST(SettingsTest, CopiesEveryValue) {
@@ -410,10 +436,10 @@ TEST(SettingsMarkdownTest, HasOneRowForEachSettingInTheTableOfItsGroup) {
     rows.push_back(line);
   }
   EXPECT_EQ(rows.size(), SettingTable().size());
-  EXPECT_EQ(rows[7],
+  EXPECT_EQ(rows[6],
             "| `refresh-interval` | `VESK_REFRESH_INTERVAL` | duration (s) | 0 to 2147483647s | "
-            "`30s` | yes | Age at which a cached block is fetched again; 0: never, and no "
-            "read-ahead |");
+            "`30s` | yes | Age at which cached bytes are fetched again and the file is checked for "
+            "changes; 0: never, and no read-ahead |");
 }
 
 }  // namespace

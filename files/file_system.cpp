@@ -1,0 +1,465 @@
+#include "files/file_system.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+#include "files/file_handle_private.h"
+#include "files/file_system_private.h"
+#include "runtime/request.h"
+#include "runtime/settings.h"
+#include "runtime/store.h"
+#include "vesk/VeskEnv.h"
+
+namespace vesk {
+
+namespace {
+
+void Check(bool right, const char* what) {
+  if (!right) throw std::invalid_argument(what);
+}
+
+const FileSystemOptions& Checked(const FileSystemOptions& options) {
+  Check(options.memory > 0, "the memory for blocks is 0 bytes; at least 1 is needed");
+  Check(options.block_size > 0 && options.block_size <= FileSystemOptions::kMaxBlockSize,
+        "the block size is not between 1 byte and 100 MiB - 1");
+  Check(options.read_ahead <= FileSystemOptions::kMaxReadAhead,
+        "more than 99 blocks of read-ahead");
+  Check(options.dirty_soft <= options.dirty_hard,
+        "the soft limit for dirty bytes is above the hard one");
+  return options;
+}
+
+// Half of the memory stays for readers.
+std::uint64_t SoftLimit(const FileSystemOptions& options) {
+  return std::max<std::uint64_t>(1, std::min(options.dirty_soft, options.memory / 2));
+}
+
+std::uint64_t HardLimit(const FileSystemOptions& options) {
+  return std::max(SoftLimit(options), std::min(options.dirty_hard, options.memory));
+}
+
+// Often enough that dirty bytes do not get much older than they may.
+Clock::Duration TendInterval(const FileSystemOptions& options) {
+  return std::clamp<Clock::Duration>(options.dirty_age / 4, std::chrono::milliseconds(10),
+                                     std::chrono::seconds(1));
+}
+
+bool IsSameFile(const Node& node, const FileInfo& info) {
+  return info.inode != 0 && node.inode == info.inode && node.device == info.device;
+}
+
+// Bytes that became dirty a moment ago are left to their writer, who may be about to add to them.
+constexpr Clock::Duration kMoment = std::chrono::milliseconds(20);
+
+}  // namespace
+
+FileSystem::Private::Private(const Services& file_services, Store& file_store,
+                             const FileSystemOptions& file_options)
+    : services(file_services),
+      store(file_store),
+      options(Checked(file_options)),
+      memory(options.memory, services.clock),
+      dirty(SoftLimit(options), HardLimit(options), services.clock),
+      names_(services.clock) {
+  memory.OnShort([this] { WriteOut(Clock::Duration::zero()); });
+  dirty.OnPressure([this](bool hard) {
+    if (!hard) WriteOut(kMoment);
+    if (hard || NothingInFlight()) WriteOut(Clock::Duration::zero());
+  });
+  if (options.background) {
+    ticker_ = std::make_unique<Ticker>(services.clock, TendInterval(options), [this] { Tend(); });
+  }
+}
+
+FileSystem::Private::~Private() {
+  ticker_.reset();
+  std::uint64_t left = 0;
+  for (const std::shared_ptr<Node>& node : Nodes()) {
+    const Node::Quiet quiet(*node, Node::Quiet::What::kDrained);
+    left += node->dirty();
+  }
+  if (left > 0) {
+    gEnv->logger->Error({"FileSystem", 100}, "%llu bytes could not be stored in time\n",
+                        static_cast<unsigned long long>(left));
+  }
+}
+
+std::vector<std::shared_ptr<Node>> FileSystem::Private::Nodes() const {
+  const MutexLock guard(mutex_);
+  return nodes_;
+}
+
+// ---- open and close ----
+
+// Finds or makes the file in the store.
+int FileSystem::Private::Examine(const std::string& name, const OpenOptions& open, FileInfo* info) {
+  int error = store.Stat(name, info);
+  if (error == ENOENT && open.create) {
+    error = store.Create(name, open.permissions);
+    if (error == EEXIST && open.exclusive) return EEXIST;
+    if (error == 0 || error == EEXIST) error = store.Stat(name, info);
+  } else if (error == 0 && open.create && open.exclusive) {
+    return EEXIST;
+  }
+  if (error != 0) return error;
+  if (S_ISDIR(info->mode)) return EISDIR;
+  if (!S_ISREG(info->mode)) return EINVAL;
+  error = store.Open(name, Access::kRead);
+  if (error == 0 && open.write) error = store.Open(name, Access::kWrite);
+  return error == ENOTSUP ? 0 : error;
+}
+
+// A removed file is found no more: the system may give its inode to another one.
+std::shared_ptr<Node> FileSystem::Private::Find(const std::string& name,
+                                                const FileInfo& info) const {
+  std::shared_ptr<Node> named;
+  for (const std::shared_ptr<Node>& node : nodes_) {
+    if (node->removed()) continue;
+    if (IsSameFile(*node, info)) return node;
+    if (node->names.count(name) > 0) named = node;
+  }
+  return named;
+}
+
+// Null: `info` may be older than the last change that the file has met through a handle that is
+// closed by now.
+std::shared_ptr<Node> FileSystem::Private::Attach(const std::string& name, const FileInfo& info,
+                                                  std::uint64_t looked_at) {
+  const MutexLock guard(mutex_);
+  std::shared_ptr<Node> node = Find(name, info);
+  if (node == nullptr) {
+    if (looked_at != closed_) return nullptr;
+    node = std::make_shared<Node>(services, store, memory, dirty, options, name, info);
+    nodes_.push_back(node);
+  }
+  node->names.insert(name);
+  node->device = info.device;
+  node->inode = info.inode;
+  ++node->handles;
+  return node;
+}
+
+std::uint64_t FileSystem::Private::ClosedSoFar() const {
+  const MutexLock guard(mutex_);
+  return closed_;
+}
+
+Status FileSystem::Private::Open(const std::string& name, const OpenOptions& open,
+                                 std::unique_ptr<FileHandle>* handle) {
+  const std::string what = "open of '" + name + "'";
+  if (!open.write && (open.create || open.truncate)) {
+    return {EINVAL, what + ": to create or truncate it needs to be opened for writing"};
+  }
+  std::shared_ptr<Node> node;
+  for (OpenOptions how = open; node == nullptr; how.exclusive = false) {
+    const std::uint64_t closed = ClosedSoFar();
+    FileInfo info;
+    if (const int error = Examine(name, how, &info)) return {error, what};
+    node = Attach(name, info, closed);
+  }
+  // No more ahead than half of the memory: the other half holds what is being read.
+  const auto block =
+      static_cast<unsigned>(std::min<std::uint64_t>(options.block_size, options.memory));
+  const std::uint64_t fitting = options.memory / 2 / block;
+  const auto ahead = static_cast<unsigned>(std::min<std::uint64_t>(options.read_ahead, fitting));
+  handle->reset(new FileHandle(std::make_unique<FileHandle::Private>(*this, std::move(node), name,
+                                                                     open.write, block, ahead)));
+  if (!open.truncate) return {};
+  Status status = (*handle)->Truncate(0);
+  if (!status.ok()) handle->reset();
+  return status;
+}
+
+Outcome FileSystem::Private::Close(Node& node, WriteFailures::Seen* seen) {
+  if (node.broken()) return {EIO, false};
+  const Outcome drained = node.Drain(seen);
+  if (drained.error != 0) return drained;
+  {
+    const MutexLock guard(mutex_);
+    if (node.handles > 1) {
+      --node.handles;
+      return {};
+    }
+  }
+  const Node::Quiet quiet(node, Node::Quiet::What::kDrained);
+  if (quiet.outcome().error != 0) return quiet.outcome();
+  node.DropClean(0, node.size());
+  const MutexLock guard(mutex_);
+  if (--node.handles == 0) Drop(node);
+  return {};
+}
+
+void FileSystem::Private::Drop(const Node& node) {
+  ++closed_;
+  nodes_.erase(std::find_if(nodes_.begin(), nodes_.end(),
+                            [&node](const auto& other) { return other.get() == &node; }));
+}
+
+// A broken file can be opened afresh when nobody has it open any more.
+void FileSystem::Private::LetGo(Node& node) {
+  const MutexLock guard(mutex_);
+  if (--node.handles == 0 && node.broken()) Drop(node);
+}
+
+// Files that nobody has open any more and that could be stored at last.
+void FileSystem::Private::DropIdle() {
+  std::vector<std::shared_ptr<Node>> gone = Nodes();  // destroyed without the mutex
+  const MutexLock guard(mutex_);
+  for (const std::shared_ptr<Node>& node : gone) {
+    const bool there = std::find(nodes_.begin(), nodes_.end(), node) != nodes_.end();
+    if (there && node->handles == 0 && node->idle()) Drop(*node);
+  }
+}
+
+// ---- names ----
+
+// The open file of that name; null: it is not open. An error: the store cannot tell.
+int FileSystem::Private::FindOpen(const std::string& name, std::shared_ptr<Node>* node) {
+  FileInfo info;
+  const int error = store.Stat(name, &info);
+  if (error != 0) return error == ENOENT ? 0 : error;
+  const MutexLock guard(mutex_);
+  *node = Find(name, info);
+  return 0;
+}
+
+// Another name than `gone` that leads to the file; empty: there is none that we know.
+int FileSystem::Private::OtherName(const Node& node, const std::string& gone, std::string* other) {
+  std::set<std::string> names;
+  {
+    const MutexLock guard(mutex_);
+    names = node.names;
+  }
+  names.insert(node.name());
+  names.erase(gone);
+  for (const std::string& name : names) {
+    FileInfo info;
+    const int error = store.Stat(name, &info);
+    if (error != 0 && error != ENOENT) return error;
+    const bool leads = error == 0 && (info.inode == 0 || IsSameFile(node, info));
+    if (leads && (other->empty() || name == node.name())) *other = name;
+  }
+  return 0;
+}
+
+// A file that is about to lose a name. What is on its way under that name must have arrived before:
+// afterwards the name may be another file's.
+class FileSystem::Private::Losing {
+ public:
+  Losing(Private& files, std::shared_ptr<Node> node, std::string name)
+      : files_(files), node_(std::move(node)), name_(std::move(name)) {}
+
+  // 0: the name can go now.
+  int Prepare() {
+    if (node_ == nullptr) return 0;
+    if (const int error = files_.OtherName(*node_, name_, &other_)) return error;
+    quiet_.emplace(*node_,
+                   other_.empty() ? Node::Quiet::What::kStopped : Node::Quiet::What::kDrained);
+    return quiet_->outcome().error;
+  }
+
+  // The name has gone; `added` leads to the file now, if it is not empty.
+  void Gone(const std::string& added) {
+    if (node_ == nullptr) return;
+    {
+      const MutexLock guard(files_.mutex_);
+      node_->names.erase(name_);
+      if (!added.empty()) node_->names.insert(added);
+    }
+    std::string name = added;
+    FileInfo info;
+    // It may have been another way to write the name that has gone.
+    if (name.empty() && !other_.empty() && files_.store.Stat(other_, &info) != ENOENT) {
+      name = other_;
+    }
+    if (name.empty()) {
+      node_->SetRemoved();
+    } else {
+      node_->SetName(name);
+    }
+  }
+
+ private:
+  Private& files_;
+  const std::shared_ptr<Node> node_;
+  const std::string name_;
+  std::string other_;
+  std::optional<Node::Quiet> quiet_;
+};
+
+Status FileSystem::Private::Rename(const std::string& from, const std::string& to) {
+  const std::string what = "renaming of '" + from + "' to '" + to + "'";
+  // One at a time: two that hold one file each could wait for the other's.
+  Turn::Holder turn(names_);
+  if (const int error = turn.Take(&turn)) return {error, what};
+  std::shared_ptr<Node> node;
+  std::shared_ptr<Node> replaced;
+  if (const int error = FindOpen(from, &node)) return {error, what};
+  if (const int error = FindOpen(to, &replaced)) return {error, what};
+  if (node == replaced) node = replaced = nullptr;  // two names of one file, which keep being so
+  std::optional<Node::Quiet> quiet;
+  if (node != nullptr) {
+    quiet.emplace(*node, Node::Quiet::What::kDrained);
+    if (const int error = quiet->outcome().error) return {error, what};
+  }
+  Losing losing(*this, std::move(replaced), to);
+  if (const int error = losing.Prepare()) return {error, what};
+  if (const int error = store.Rename(from, to)) return {error, what};
+  losing.Gone("");
+  if (node == nullptr) return {};
+  node->SetName(to);
+  const MutexLock guard(mutex_);
+  node->names.erase(from);
+  node->names.insert(to);
+  return {};
+}
+
+Status FileSystem::Private::Remove(const std::string& name) {
+  const std::string what = "removal of '" + name + "'";
+  Turn::Holder turn(names_);
+  if (const int error = turn.Take(&turn)) return {error, what};
+  std::shared_ptr<Node> node;
+  if (const int error = FindOpen(name, &node)) return {error, what};
+  Losing losing(*this, std::move(node), name);
+  if (const int error = losing.Prepare()) return {error, what};
+  if (const int error = store.Remove(name)) return {error, what};
+  losing.Gone("");
+  return {};
+}
+
+// ---- all files ----
+
+Status FileSystem::Private::SyncAll() {
+  Status first;
+  for (const std::shared_ptr<Node>& node : Nodes()) node->StartWrites();
+  for (const std::shared_ptr<Node>& node : Nodes()) {
+    WriteFailures::Seen seen(node->failures().count());
+    const int failing = node->failures().Any();
+    const Outcome outcome = failing != 0 ? Outcome{failing, true} : node->Sync(&seen);
+    if (outcome.error != 0 && first.ok()) {
+      first = {outcome.error,
+               (outcome.write_back ? "write-back of '" : "sync of '") + node->name() + "'"};
+    }
+  }
+  return first;
+}
+
+void FileSystem::Private::WriteOut(Clock::Duration age) {
+  try {
+    const Clock::Time now = services.clock.Now();
+    for (const std::shared_ptr<Node>& node : Nodes()) {
+      if (node->dirty() > 0) {
+        node->WriteOut(age == Clock::Duration::zero() ? Clock::kNever : now - age);
+      }
+    }
+  } catch (const std::bad_alloc&) {  // the next round comes
+  }
+}
+
+bool FileSystem::Private::NothingInFlight() const {
+  const std::vector<std::shared_ptr<Node>> nodes = Nodes();
+  return std::all_of(nodes.begin(), nodes.end(),
+                     [](const std::shared_ptr<Node>& node) { return node->in_flight() == 0; });
+}
+
+void FileSystem::Private::Tend() {
+  WriteOut(dirty.AboveSoft() ? std::min(kMoment, options.dirty_age) : options.dirty_age);
+  try {
+    DropIdle();
+  } catch (const std::bad_alloc&) {  // likewise
+  }
+}
+
+// ---- the public face ----
+
+FileSystem::FileSystem(const Services& services, Store& store, const FileSystemOptions& options)
+    : self_(std::make_unique<Private>(services, store, options)) {}
+
+FileSystem::~FileSystem() = default;
+
+Status FileSystem::Open(const std::string& name, const OpenOptions& options,
+                        std::unique_ptr<FileHandle>* handle) {
+  try {
+    return self_->Open(name, options, handle);
+  } catch (const std::bad_alloc&) {
+    return {ENOMEM, "open"};
+  }
+}
+
+Status FileSystem::Rename(const std::string& from, const std::string& to) {
+  try {
+    return self_->Rename(from, to);
+  } catch (const std::bad_alloc&) {
+    return {ENOMEM, "renaming"};
+  }
+}
+
+Status FileSystem::Remove(const std::string& name) {
+  try {
+    return self_->Remove(name);
+  } catch (const std::bad_alloc&) {
+    return {ENOMEM, "removal"};
+  }
+}
+
+Status FileSystem::SyncAll() {
+  try {
+    return self_->SyncAll();
+  } catch (const std::bad_alloc&) {
+    return {ENOMEM, "sync of all files"};
+  }
+}
+
+void FileSystem::Tend() { self_->Tend(); }
+
+std::vector<FileStats> FileSystem::GetFiles() const {
+  std::vector<FileStats> files;
+  for (const std::shared_ptr<Node>& node : self_->Nodes()) files.push_back(node->GetStats());
+  std::sort(files.begin(), files.end(),
+            [](const FileStats& a, const FileStats& b) { return a.name < b.name; });
+  return files;
+}
+
+FileStats FileSystem::GetStats() const {
+  FileStats sum;
+  for (const FileStats& file : GetFiles()) {
+    sum.size += file.size;
+    sum.cached += file.cached;
+    sum.dirty += file.dirty;
+    sum.in_flight += file.in_flight;
+    sum.parked += file.parked;
+    sum.oldest_dirty = std::max(sum.oldest_dirty, file.oldest_dirty);
+    if (file.last_error != 0) sum.last_error = file.last_error;
+    sum.hits += file.hits;
+    sum.misses += file.misses;
+    sum.fetched += file.fetched;
+    sum.returned += file.returned;
+    sum.streams += file.streams;
+    sum.turns += file.turns;
+  }
+  sum.throttled = self_->dirty.throttled();
+  sum.throttled_time = self_->dirty.throttled_time();
+  return sum;
+}
+
+std::uint64_t FileSystem::memory_used() const { return self_->memory.used(); }
+std::uint64_t FileSystem::memory_peak() const { return self_->memory.peak(); }
+
+FileSystemOptions OptionsFrom(const Settings& settings) {
+  FileSystemOptions options;
+  options.memory = settings.memory;
+  options.block_size = settings.block_size;
+  options.read_ahead = settings.read_ahead;
+  options.dirty_soft = settings.dirty_soft;
+  options.dirty_hard = settings.dirty_hard;
+  options.dirty_age = std::chrono::milliseconds(settings.dirty_age_ms);
+  options.when_unknown = settings.when_unknown;
+  return options;
+}
+
+}  // namespace vesk

@@ -1,0 +1,995 @@
+#include "files/node.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <new>
+#include <utility>
+
+#include "runtime/decorator_retry.h"
+#include "runtime/request.h"
+#include "runtime/store.h"
+#include "runtime/wall_clock.h"
+#include "vesk/VeskBundler.h"
+#include "vesk/VeskEnv.h"
+#include "vesk/VeskJob.h"
+
+namespace vesk {
+
+namespace {
+
+constexpr std::uint64_t kNoEnd = std::numeric_limits<std::uint64_t>::max();
+
+// Bytes that one try may ask of a stream: its counts are 32 bits wide.
+constexpr std::size_t kMaxPiece = 1u << 30;
+
+// Times that a request repeats before it takes the file's turn.
+constexpr unsigned kPatience = 8;
+
+constexpr std::uint64_t kPage = 4096;
+
+unsigned Log2(std::uint64_t value) {
+  unsigned bits = 0;
+  while (value > 1) {
+    value /= 2;
+    ++bits;
+  }
+  return bits;
+}
+
+void Raise(std::atomic<std::uint64_t>* value, std::uint64_t least) {
+  std::uint64_t old = value->load();
+  while (old < least && !value->compare_exchange_weak(old, least)) {
+  }
+}
+
+bool Failed(int result) { return result != 0 && result != RC_EOF; }
+
+}  // namespace
+
+using RangeLock = Holding<VeskLock>;
+
+Node::Node(const Services& services, Store& store, MemoryBudget& memory, DirtyLimit& dirty,
+           const FileSystemOptions& options, const std::string& name, const FileInfo& info)
+    : device(info.device),
+      inode(info.inode),
+      services_(services),
+      store_(store),
+      options_(options),
+      core_(services, memory, dirty,
+            static_cast<unsigned>(std::min<std::uint64_t>(options.block_size, options.memory))),
+      turn_(services.clock),
+      hint_shift_(Log2(core_.block_size)),
+      checked_at_(WallSeconds()),
+      name_(name),
+      known_(info) {
+  core_.size = core_.stored_size = info.size;
+  Range* const range = NewRange();
+  range->Open(name);
+  range->SetBounds(0, kNoEnd);
+  {
+    const MutexLock guard(mutex_);
+    ranges_.emplace(0, range);
+  }
+  if (services_.reaper != nullptr) services_.reaper->Add(name, *this);
+}
+
+Node::~Node() {
+  if (services_.reaper != nullptr) services_.reaper->Remove(*this);
+  LeaveBudget();  // an eviction retires ranges, which touches their neighbours
+  const MutexLock guard(mutex_);
+  if (abandoned_) services_.retry->KeepAgain(name_);
+}
+
+void Node::LeaveBudget() VESK_NO_THREAD_SAFETY_ANALYSIS {
+  for (const std::unique_ptr<Range>& range : all_) range->LeaveBudget();
+}
+
+std::string Node::name() const {
+  const MutexLock guard(mutex_);
+  return name_;
+}
+
+// ---- ranges ----
+
+std::atomic<Range*>& Node::Hint(std::uint64_t offset) {
+  return hints_[(offset >> hint_shift_) % hints_.size()];
+}
+
+Range& Node::Find(std::uint64_t offset) {
+  std::atomic<Range*>& hint = Hint(offset);
+  Range* const range = hint.load(std::memory_order_acquire);
+  if (range != nullptr && range->Covers(offset)) return *range;
+  Range& found = Seek(offset);
+  hint.store(&found, std::memory_order_release);
+  return found;
+}
+
+Range& Node::Seek(std::uint64_t offset) {
+  const MutexLock guard(mutex_);
+  return *std::prev(ranges_.upper_bound(offset))->second;
+}
+
+Range* Node::NewRange() {
+  {
+    const MutexLock guard(mutex_);
+    if (!spare_.empty()) {
+      Range* const range = spare_.back();
+      spare_.pop_back();
+      return range;
+    }
+  }
+  auto range = std::make_unique<Range>(core_, static_cast<RangeOwner&>(*this));
+  std::map<std::uint64_t, Range*> entry{{0, range.get()}};
+  range->entry = entry.extract(entry.begin());
+  const MutexLock guard(mutex_);
+  try {
+    all_.reserve(all_.size() + 1);
+    spare_.reserve(all_.size() + 1);
+  } catch (...) {
+    range->LeaveBudget();
+    throw;
+  }
+  all_.push_back(std::move(range));
+  return all_.back().get();
+}
+
+// From `at` on another range takes over, unless the stream refuses.
+void Node::Divide(Range& range, std::uint64_t at) {
+  Range* const upper = NewRange();
+  Range::Divided divided;
+  std::map<std::uint64_t, Range*> place;
+  try {
+    place.emplace(at, upper);  // no memory is needed once blocks have moved
+    divided = range.DivideInto(*upper, at);
+  } catch (...) {
+    const MutexLock guard(mutex_);
+    spare_.push_back(upper);
+    throw;
+  }
+  const MutexLock guard(mutex_);
+  if (divided.at == 0) {
+    spare_.push_back(upper);
+    return;
+  }
+  auto entry = place.extract(place.begin());
+  entry.key() = divided.at;
+  ranges_.insert(std::move(entry));
+  const std::uint64_t end = range.end();
+  range.SetEnd(divided.at);
+  upper->SetBounds(divided.at, end);
+  if (divided.upper_active) Activate(*upper);
+}
+
+// A full range ends before `offset`, which would have a new block, from now on.
+bool Node::DividedBefore(Range& range, std::uint64_t offset) {
+  const std::uint64_t at = range.FullBefore(offset);
+  if (at != 0) Divide(range, at);
+  return !range.Covers(offset);
+}
+
+// A range without blocks: the one before it takes its place, so that a reader who has gone through
+// a large file leaves nothing behind.
+void Node::Retire(Range& range) {
+  const RangeLock guard(range.lock);
+  const std::uint64_t begin = range.begin();
+  const MutexLock ranges(mutex_);
+  const std::uint64_t end = range.end();
+  if (begin == 0 || end == 0 || !range.Close()) return;
+  const auto place = ranges_.find(begin);
+  std::prev(place)->second->SetEnd(end);
+  ranges_.erase(place);
+  retired_.hits += range.counts.hits;
+  retired_.misses += range.counts.misses;
+  retired_.returned += range.counts.returned;
+  range.counts = {};
+  spare_.push_back(&range);
+}
+
+void Node::SetActive(Range& range, bool active) {
+  const MutexLock guard(mutex_);
+  if (active) {
+    Activate(range);
+  } else {
+    range.entry = active_.extract(range.begin());
+  }
+}
+
+void Node::Activate(Range& range) {
+  range.entry.key() = range.begin();
+  active_.insert(std::move(range.entry));
+}
+
+bool Node::FindActive(std::uint64_t from, std::uint64_t* begin, Range** range) const {
+  const MutexLock guard(mutex_);
+  auto it = active_.upper_bound(from);
+  // The one before may reach beyond `from`.
+  if (it != active_.begin() && std::prev(it)->second->end() > from) --it;
+  if (it == active_.end()) return false;
+  *begin = it->first;
+  *range = it->second;
+  return true;
+}
+
+// Calls `work` for every range that has dirty blocks or jobs, with its lock held. A range may
+// divide in the meantime: its blocks lie further on then, and are met there. (The compiler's
+// analysis does not follow the lock into `work`.)
+template <typename Work>
+void Node::ForEachActive(const Work& work) const {
+  std::uint64_t at = 0;
+  std::uint64_t begin = 0;
+  Range* range = nullptr;
+  while (FindActive(at, &begin, &range)) {
+    const RangeLock guard(range->lock);
+    if (range->begin() != begin || range->end() <= at) continue;  // retired in between
+    if (core_.broken) return;
+    work(*range);
+    at = range->end();
+    if (at == kNoEnd) return;
+  }
+}
+
+std::vector<Range*> Node::RangesFrom(std::uint64_t offset) const {
+  const MutexLock guard(mutex_);
+  std::vector<Range*> ranges;
+  for (auto it = std::prev(ranges_.upper_bound(offset)); it != ranges_.end(); ++it) {
+    ranges.push_back(it->second);
+  }
+  return ranges;
+}
+
+// Whoever was inside a range at or after `from` when the turn was taken has left it now, and what
+// they did is to be seen.
+void Node::Barrier(std::uint64_t from) {
+  for (Range* const range : RangesFrom(from)) {
+    const RangeLock guard(range->lock);
+  }
+}
+
+// ---- serving ----
+
+int Node::Refusal() const {
+  if (core_.broken) return EIO;
+  if (removed_ || freshness_ == Freshness::kGone) return ESTALE;
+  return 0;
+}
+
+Outcome Node::Serve(std::uint64_t offset, Piece& piece, Request& request) {
+  request.repeats = 0;
+  request.waited = false;
+  int error = Refusal();
+  while (error == 0) {
+    const Next next = TryIn(offset, piece, request);
+    if (next == Next::kDone) break;
+    error = Prepare(next, request);
+    if (error == 0) error = Refusal();
+  }
+  request.LetGo();
+  request.turn.Give();
+  return error != 0 ? Outcome{error, false} : request.outcome;
+}
+
+Node::Next Node::TryIn(std::uint64_t offset, Piece& piece, Request& request) {
+  for (;;) {
+    Range& range = Find(offset);
+    const RangeLock guard(range.lock);
+    if (!range.Covers(offset)) continue;  // divided or retired in between
+    range.Collect();
+    if (turn_.IsTakenFrom(request.who)) return Next::kPass;
+    if (core_.broken) return Next::kRepeat;
+    if (DividedBefore(range, offset)) continue;
+    const Next next = piece.Try(range, request);
+    // After a wait the range may be another one's, or somebody may have the turn.
+    if (core_.broken || !range.Covers(offset) || turn_.IsTakenFrom(request.who)) return next;
+    if (const std::uint64_t middle = range.Middle()) Divide(range, middle);
+    return next;
+  }
+}
+
+// What has to happen, without a lock, before the next try.
+int Node::Prepare(Next next, Request& request) {
+  switch (next) {
+    case Next::kDone: return 0;
+    case Next::kFetchRest:
+      FetchAhead(request.rest_from, request.rest_to, nullptr);
+      return RequestScope::Exceeded(services_.clock);
+    case Next::kCheck:
+      request.LetGo();
+      request.turn.Give();  // what is learnt may need it
+      CheckFreshness();
+      return RequestScope::Exceeded(services_.clock);
+    case Next::kGet: {
+      if (!request.room.TryAdmit(request.need_room)) request.memory.Reset();
+      request.want.reset();
+      core_.memory.Changed();
+      int error = request.room.Admit(request.need_room);
+      if (error == 0) error = request.memory.Reserve(request.need_memory);
+      if (error == 0) request.memory.TakeUpTo(request.wish_memory);
+      return error;
+    }
+    case Next::kPass: {
+      request.LetGo();
+      const int error = turn_.Pass();
+      if (error != 0) return error;
+      break;
+    }
+    case Next::kRepeat: {
+      const int error = RequestScope::Exceeded(services_.clock);
+      if (error != 0) return error;
+      if (core_.suspicious && request.who == &request) return Clear(request);
+      break;
+    }
+  }
+  if (++request.repeats < kPatience || request.turn.has() || request.who != &request) return 0;
+  request.LetGo();
+  const int error = request.turn.Take(request.who);
+  if (error == 0) turns_.fetch_add(1, std::memory_order_relaxed);
+  return error;
+}
+
+// The store gave less than it should have: looks at its file, without the turn, which that may
+// need. What stays short for good is an error.
+int Node::Clear(Request& request) {
+  if (++request.repeats >= 2 * kPatience) return EIO;
+  request.LetGo();
+  request.turn.Give();
+  CheckFreshness();
+  return RequestScope::Exceeded(services_.clock);
+}
+
+// Returns the error that the job has ended with, whoever collects it.
+int Node::Await(Range& range, VeskJob* job, const char* tag, Request& request) {
+  request.waited = true;
+  request.memory.Reset();
+  request.room.Reset();
+  job->RefCountInc();
+  services_.bundler.WaitForJob(job, &range.lock, tag);
+  const int result = job->GetJobState() == JOB_STATE_DONE ? job->GetReturnValue() : 0;
+  VeskJob::RefCountDec(job);
+  return Failed(result) ? result : 0;
+}
+
+// ---- reading ----
+
+class Node::ReadPiece final : public Node::Piece {
+ public:
+  ReadPiece(Node& node, ReadAhead& ahead, unsigned char* destination, std::size_t length,
+            std::uint64_t offset)
+      : node_(node), ahead_(ahead), destination_(destination), length_(length), offset_(offset) {}
+
+  ~ReadPiece() { Remember(nullptr); }
+  ReadPiece(const ReadPiece&) = delete;
+  ReadPiece& operator=(const ReadPiece&) = delete;
+
+  std::size_t count() const { return count_; }
+
+  // The reader's window has been looked at.
+  bool told() const { return told_; }
+
+  Next Try(Range& range, Request& request) override VESK_REQUIRES(range.lock) {
+    const std::uint64_t size = node_.core_.size;
+    if (offset_ >= size) return Next::kDone;  // it has become shorter
+    if ((request.outcome.error = ErrorOfJob()) != 0) return Next::kDone;
+    if (VeskJob* const job = range.JobAt(offset_, false)) return Meet(range, job, request);
+    if (range.IsAged(offset_) && node_.checked_at_ != WallSeconds()) {
+      const bool serve = node_.options_.when_unknown == UnknownPolicy::kServe;
+      if (!node_.asking_ || !serve) return Next::kCheck;
+      range.Renew();  // somebody else asks; until it is known what is there is served
+    }
+    count_ = range.Read(
+        destination_, offset_,
+        static_cast<unsigned int>(std::min<std::uint64_t>({length_, kMaxPiece, size - offset_})));
+    if (count_ == 0) return Miss(range, request);
+    ++(request.waited ? range.counts.misses : range.counts.hits);
+    range.counts.returned += count_;
+    return Next::kDone;
+  }
+
+ private:
+  // The job that the piece comes back for. Its end may be collected by others, so its error is
+  // asked of the job itself; a failed block is taken out, and would be fetched again and again.
+  void Remember(VeskJob* job) {
+    if (job != nullptr) job->RefCountInc();
+    if (job_ != nullptr) VeskJob::RefCountDec(job_);
+    job_ = job;
+  }
+
+  int ErrorOfJob() {
+    const bool failed =
+        job_ != nullptr && job_->GetJobState() == JOB_STATE_DONE && Failed(job_->GetReturnValue());
+    return failed ? job_->GetReturnValue() : 0;
+  }
+
+  // The block is on its way. What the reader wants next sets out before this request waits.
+  Next Meet(Range& range, VeskJob* job, Request& request) VESK_REQUIRES(range.lock) {
+    Remember(job);
+    if (told_ || !ahead_.Due(offset_, length_)) return Wait(range, job, request);
+    told_ = true;
+    const FetchWindow window = node_.Window(ahead_, offset_, length_, false);
+    if (window.Empty()) return Wait(range, job, request);
+    request.rest_from = window.from;
+    request.rest_to = window.to;
+    return Next::kFetchRest;
+  }
+
+  Next Wait(Range& range, VeskJob* job, Request& request) VESK_REQUIRES(range.lock) {
+    if (!request.want.has_value()) request.want.emplace(node_.core_.wants, offset_);
+    (void)node_.Await(range, job, "Read-io-active", request);
+    return Next::kRepeat;
+  }
+
+  // What the request needs, in whole pages, and what the reader will want next.
+  void Plan() {
+    planned_ = true;
+    const std::uint64_t size = node_.core_.size;
+    const std::uint64_t page = std::min<std::uint64_t>(kPage, node_.core_.block_size);
+    const std::uint64_t end = std::min(size, offset_ + length_);
+    from_ = offset_ / page * page;
+    to_ = std::min(size, (end + page - 1) / page * page);
+    const FetchWindow window = told_ ? FetchWindow{} : node_.Window(ahead_, offset_, length_, true);
+    told_ = true;
+    if (!window.Empty()) {
+      const std::uint64_t block = offset_ / node_.core_.block_size * node_.core_.block_size;
+      if (window.from <= offset_) from_ = std::min(from_, std::max(window.from, block));
+      to_ = std::max(to_, std::min(window.to, size));
+    }
+    // What is fetched last must not push out what was fetched first and is not read yet.
+    to_ = std::min(to_, from_ + std::max<std::uint64_t>(node_.core_.memory.limit() / 4,
+                                                        node_.core_.block_size));
+  }
+
+  Next Miss(Range& range, Request& request) VESK_REQUIRES(range.lock) {
+    if (!planned_) Plan();
+    to_ = std::min(to_, node_.core_.size.load());
+    if (to_ <= offset_) return Next::kRepeat;
+    const std::uint64_t start = range.GapStart(offset_, from_);
+    const std::uint64_t need = range.NeedForFetch(start, to_);
+    if (need == 0) return Next::kRepeat;
+    const std::uint64_t wish = to_ - start;
+    if (!request.memory.TryReserve(wish) && request.memory.bytes() < need) {
+      request.need_memory = need;
+      request.wish_memory = wish - need;
+      request.need_room = 0;
+      return Next::kGet;
+    }
+    const std::uint64_t reached = range.Fetch(start, to_, request.memory);
+    const bool short_of_memory = request.memory.bytes() == 0;
+    request.memory.Reset();
+    VeskJob* const job = range.JobAt(offset_, false);
+    if (job == nullptr) return Next::kRepeat;
+    Remember(job);
+    if (!request.want.has_value()) request.want.emplace(node_.core_.wants, offset_);
+    if (reached < to_ && !short_of_memory) {  // the window leaves together with the miss
+      request.waited = true;
+      request.rest_from = reached;
+      request.rest_to = to_;
+      return Next::kFetchRest;
+    }
+    return Wait(range, job, request);
+  }
+
+  Node& node_;
+  ReadAhead& ahead_;
+  unsigned char* const destination_;
+  const std::size_t length_;
+  const std::uint64_t offset_;
+  std::size_t count_ = 0;
+  VeskJob* job_ = nullptr;
+  bool told_ = false;     // the reader's window was asked for
+  bool planned_ = false;  // `from_` and `to_` are known
+  std::uint64_t from_ = 0;
+  std::uint64_t to_ = 0;
+};
+
+// What the reader will want next; nothing where read-ahead is switched off with the age check.
+FetchWindow Node::Window(ReadAhead& ahead, std::uint64_t offset, std::uint64_t length,
+                         bool missed) {
+  if (gEnv->settings->refresh_interval == 0) return {};
+  return ahead.OnRead(offset, length, missed, core_.size, services_.clock.Now(),
+                      Clock::Duration(core_.latency.load(std::memory_order_relaxed)));
+}
+
+// A reader was served from memory: the next blocks are due when it has come far enough.
+void Node::ReadOn(ReadAhead& ahead, std::uint64_t offset, std::uint64_t length) {
+  if (!ahead.Due(offset, length)) return;
+  const FetchWindow window = Window(ahead, offset, length, false);
+  FetchAhead(window.from, window.to, &ahead);
+}
+
+// What most reads of a warm file come to. False: nothing has happened.
+bool Node::Hit(unsigned char* destination, std::size_t length, std::uint64_t offset) {
+  const std::uint64_t size = core_.size.load(std::memory_order_relaxed);
+  if (offset >= size || length > size - offset || length > kMaxPiece || length == 0) return false;
+  const unsigned now = WallSeconds();
+  const int interval = gEnv->settings->refresh_interval;
+  if (IsCheckDue(now, interval) || Refusal() != 0) return false;
+  Range* const range = Hint(offset).load(std::memory_order_acquire);
+  if (range == nullptr) return false;
+  const RangeLock guard(range->lock);
+  return range->Covers(offset) && !turn_.IsTakenFrom(nullptr) &&
+         range->Hit(destination, offset, static_cast<unsigned>(length), now, interval);
+}
+
+Outcome Node::ReadAt(ReadAhead& ahead, unsigned char* destination, std::size_t length,
+                     std::uint64_t offset, std::size_t* moved) {
+  if (Hit(destination, length, offset)) {
+    *moved = length;
+    ReadOn(ahead, offset, length);
+    return {};
+  }
+  *moved = 0;
+  if (const int error = CheckIfDue()) return {error, false};
+  Request request(core_, turn_);
+  while (*moved < length) {
+    const std::uint64_t at = offset + *moved;
+    // Clipped to the size: no block is fetched beyond the end, none is left short behind it.
+    const std::uint64_t size = core_.size;
+    if (at >= size || at < offset) return {Refusal(), false};
+    const std::size_t wanted = std::min<std::uint64_t>(length - *moved, size - at);
+    ReadPiece piece(*this, ahead, destination + *moved, wanted, at);
+    const Outcome outcome = Serve(at, piece, request);
+    if (outcome.error != 0) return outcome;
+    if (piece.count() == 0) return {};
+    if (!piece.told()) ReadOn(ahead, at, piece.count());
+    *moved += piece.count();
+  }
+  return {};
+}
+
+void Node::FetchAhead(std::uint64_t from, std::uint64_t to, ReadAhead* ahead) {
+  to = std::min(to, core_.size.load());
+  if (from >= to) return;
+  MemoryBudget::Reservation memory(core_.memory);
+  memory.TakeUpTo(to - from);
+  if (memory.bytes() < to - from && ahead != nullptr) ahead->Shrink();
+  while (from < to && memory.bytes() > 0) {
+    Range& range = Find(from);
+    const RangeLock guard(range.lock);
+    if (!range.Covers(from)) continue;
+    if (turn_.IsTakenFrom(nullptr) || Refusal() != 0) return;
+    range.Collect();
+    if (core_.broken) return;
+    if (DividedBefore(range, from)) continue;
+    const std::uint64_t reached = range.Fetch(from, to, memory);
+    if (reached == from) return;  // less memory than a block
+    from = reached;
+  }
+}
+
+void Node::DropClean(std::uint64_t from, std::uint64_t to) {
+  for (Range* const range : RangesFrom(from)) {
+    const RangeLock guard(range->lock);
+    if (range->end() == 0 || core_.broken) continue;
+    range->Collect();
+    if (!core_.broken) range->Drop(from, to);
+  }
+}
+
+// ---- writing ----
+
+class Node::WritePiece final : public Node::Piece {
+ public:
+  WritePiece(Node& node, const unsigned char* source, std::size_t length, std::uint64_t offset)
+      : node_(node), source_(source), length_(length), offset_(offset) {}
+
+  std::size_t count() const { return count_; }
+
+  Next Try(Range& range, Request& request) override VESK_REQUIRES(range.lock) {
+    if (VeskJob* const job = range.JobAt(offset_, true)) return Wait(range, job, request);
+    const auto length = static_cast<unsigned int>(
+        std::min<std::uint64_t>({length_, kMaxPiece, range.end() - offset_}));
+    const Range::WriteNeed need = range.NeedForWrite(offset_, length);
+    if (!request.memory.TryReserve(need.memory) || !request.room.TryAdmit(need.dirty)) {
+      request.need_memory = need.memory;
+      request.wish_memory = 0;
+      request.need_room = need.dirty;
+      return Next::kGet;
+    }
+    count_ = range.Write(source_, offset_, length, request.memory, request.room);
+    if (count_ == 0) return Next::kRepeat;
+    ++(request.waited ? range.counts.misses : range.counts.hits);
+    Raise(&node_.core_.size, offset_ + count_);  // under the lock: see Barrier
+    return Next::kDone;
+  }
+
+ private:
+  // A block that is being written is waited for; not when its write is failing.
+  Next Wait(Range& range, VeskJob* job, Request& request) VESK_REQUIRES(range.lock) {
+    const VeskBuffer& block = *range.At(offset_);
+    if (block.GetState(VeskBuffer::IOW) == 0) {
+      (void)node_.Await(range, job, "Write-io-active", request);  // a read's error: the reader's
+      return Next::kRepeat;
+    }
+    const std::uint64_t begin = block.off;
+    WriteFailures& failures = node_.core_.failures;
+    const WriteFailures::Watch watch(failures);
+    int error = failures.At(begin);
+    if (error == 0) error = node_.Await(range, job, "Write-io-active", request);
+    if (error == 0) error = failures.At(begin);
+    if (error == 0) return Next::kRepeat;
+    request.outcome = {error, true};
+    return Next::kDone;
+  }
+
+  Node& node_;
+  const unsigned char* const source_;
+  const std::size_t length_;
+  const std::uint64_t offset_;
+  std::size_t count_ = 0;
+};
+
+Outcome Node::WriteAt(const unsigned char* source, std::size_t length, std::uint64_t offset,
+                      std::size_t* moved) {
+  *moved = 0;
+  if (const int error = CheckIfDue()) return {error, false};
+  return WriteAll(source, length, offset, moved, nullptr);
+}
+
+Outcome Node::WriteAll(const unsigned char* source, std::size_t length, std::uint64_t offset,
+                       std::size_t* moved, const void* who) {
+  *moved = 0;
+  if (offset > kMaxFileSize || length > kMaxFileSize - offset) return {EFBIG, false};
+  Request request(core_, turn_);
+  if (who != nullptr) request.who = who;
+  while (*moved < length) {
+    WritePiece piece(*this, source + *moved, length - *moved, offset + *moved);
+    const Outcome outcome = Serve(offset + *moved, piece, request);
+    if (outcome.error != 0) return outcome;
+    *moved += piece.count();
+  }
+  return {Refusal(), false};
+}
+
+Outcome Node::Append(const unsigned char* source, std::size_t length, std::uint64_t* offset,
+                     std::size_t* moved) {
+  *moved = 0;
+  if (const int error = CheckIfDue()) return {error, false};
+  Turn::Holder turn(turn_);
+  if (const int error = turn.Take(&turn)) return {error, false};
+  // Whoever was about to make the file longer wrote a piece of at most a block that begins here or
+  // later.
+  const std::uint64_t size = core_.size;
+  Barrier(size - std::min<std::uint64_t>(size, core_.block_size));
+  *offset = core_.size;
+  return WriteAll(source, length, *offset, moved, &turn);
+}
+
+// ---- writing back ----
+
+void Node::StartWrites(Clock::Time before, bool asked_for) {
+  ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
+    range.Collect();
+    if (!core_.broken && !stopped_) range.StartWrites(before, asked_for);
+  });
+}
+
+void Node::ListJobs(bool reads, JobList* jobs) const {
+  ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS { range.ListJobs(reads, jobs); });
+}
+
+// Waits for each job, within the limits, but for no longer than until a write-back fails: a parked
+// one does not end. A success means that all have ended well.
+Outcome Node::AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen) {
+  WriteFailures& failures = core_.failures;
+  const std::uint64_t before = failures.count();
+  const auto is_news = [&] {
+    return failures.count() != before || (seen != nullptr && failures.HasNews(*seen));
+  };
+  {
+    const WriteFailures::Watch watch(failures);
+    for (VeskJob* const job : jobs.jobs()) {
+      if (is_news()) break;
+      services_.bundler.WaitForJob(job, nullptr, "Flush");
+      if (job->GetJobState() != JOB_STATE_DONE) break;
+    }
+  }
+  const int limit = RequestScope::Exceeded(services_.clock);
+  Reap();
+  const int news = seen != nullptr ? failures.TakeNews(seen) : 0;
+  if (core_.broken) return {EIO, false};
+  if (news != 0) return {news, true};
+  for (VeskJob* const job : jobs.jobs()) {
+    const bool ended = job->GetJobState() == JOB_STATE_DONE;
+    if (ended && Failed(job->GetReturnValue())) return {job->GetReturnValue(), true};
+    if (!ended && limit != 0) return {limit, false};
+    if (!ended) return {failures.last_error(), true};
+  }
+  return {};
+}
+
+Outcome Node::Drain(WriteFailures::Seen* seen) {
+  if (core_.broken) return {EIO, false};
+  if (removed_) return {};
+  StartWrites();
+  JobList jobs;
+  ListJobs(false, &jobs);
+  return AwaitJobs(jobs, seen);
+}
+
+// Under the turn: nothing new comes, so the rounds end.
+Outcome Node::DrainAll() {
+  const std::uint64_t before = core_.failures.count();
+  for (;;) {
+    if (core_.broken) return {EIO, false};
+    if (core_.failures.count() != before) return {core_.failures.last_error(), true};
+    if (const int error = core_.failures.Any()) return {error, true};
+    StartWrites();
+    JobList jobs;
+    ListJobs(true, &jobs);
+    if (jobs.jobs().empty() && idle()) return {};
+    const Outcome outcome = AwaitJobs(jobs, nullptr);
+    if (outcome.write_back || core_.broken) return outcome;
+    if (const int error = RequestScope::Exceeded(services_.clock)) return {error, false};
+  }
+}
+
+// Under the turn: what is on its way ends, well or not, and nothing follows.
+Outcome Node::StopAll() {
+  stopped_ = true;
+  if (services_.retry != nullptr) Abandon();
+  for (;;) {
+    if (core_.broken) return {EIO, false};
+    JobList jobs;
+    ListJobs(true, &jobs);
+    if (jobs.jobs().empty() && in_flight() == 0) return {};
+    (void)AwaitJobs(jobs, nullptr);
+    if (const int error = RequestScope::Exceeded(services_.clock)) return {error, false};
+  }
+}
+
+// Calls `work` with the file's name; again when it has got another one meanwhile.
+//   Before   the calling thread does not have the turn
+template <typename Work>
+int Node::ByName(const Work& work) {
+  for (;;) {
+    const std::string name = this->name();
+    const int error = work(name);
+    if (error != ENOENT) return error;
+    if (const int limit = turn_.Pass()) return limit;  // who renames it has the turn
+    if (this->name() == name) return error;
+  }
+}
+
+Outcome Node::Sync(WriteFailures::Seen* seen) {
+  const Outcome drained = Drain(seen);
+  if (drained.error != 0) return drained;
+  if (removed_) return {ESTALE, false};
+  const int error = ByName([this](const std::string& name) { return store_.Sync(name); });
+  if (error == 0) return {core_.broken ? EIO : 0, false};
+  if (error == RequestScope::Exceeded(services_.clock)) return {error, false};
+  core_.failures.Note(error);  // others' bytes may be lost as well
+  (void)core_.failures.TakeNews(seen);
+  return {error, false};
+}
+
+Outcome Node::Truncate(std::uint64_t size) {
+  if (size > kMaxFileSize) return {EFBIG, false};
+  const Quiet quiet(*this, Quiet::What::kDrained);
+  if (quiet.outcome().error != 0) return quiet.outcome();
+  if (const int error = Refusal()) return {error, false};
+  const std::vector<Range*> ranges = RangesFrom(0);  // from here on nothing needs memory
+  const int error = store_.Truncate(name(), size);
+  if (error != 0) {
+    core_.suspicious = true;  // it may take place all the same
+    return {error, false};
+  }
+  for (Range* const range : ranges) {
+    const RangeLock guard(range->lock);
+    if (range->end() != 0 && !core_.broken) range->Truncate(size);
+  }
+  core_.size = core_.stored_size = size;
+  ++core_.own_writes;
+  return {Refusal(), false};
+}
+
+void Node::Discard() {
+  if (services_.retry != nullptr) Abandon();
+  ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
+    range.Collect();
+    if (!core_.broken) range.Discard();
+  });
+}
+
+// Without a range's lock: it ends jobs, and whoever is told of an end may want the lock. Later
+// failures are not kept by the runtime any more, but by this file.
+void Node::Abandon() {
+  const std::string name = this->name();
+  services_.retry->Abandon(name);
+  const MutexLock guard(mutex_);
+  if (std::exchange(abandoned_, true)) services_.retry->KeepAgain(name);
+}
+
+Node::Quiet::Quiet(Node& node, What what) : node_(node), turn_(node.turn_) {
+  outcome_.error = turn_.Take(this);
+  if (outcome_.error != 0) return;
+  node.Barrier(0);
+  if (what == What::kDrained) outcome_ = node.DrainAll();
+  if (what == What::kStopped) outcome_ = node.StopAll();
+}
+
+Node::Quiet::~Quiet() {
+  if (turn_.has()) node_.stopped_ = false;
+}
+
+void Node::SetName(const std::string& name) {
+  for (Range* const range : RangesFrom(0)) {
+    const RangeLock guard(range->lock);
+    if (range->end() != 0 && !core_.broken) range->Rename(name);
+  }
+  if (services_.reaper != nullptr) services_.reaper->Remove(*this);
+  {
+    const MutexLock guard(mutex_);
+    if (std::exchange(abandoned_, false)) services_.retry->KeepAgain(name_);
+    name_ = name;
+  }
+  if (services_.reaper != nullptr) services_.reaper->Add(name, *this);
+}
+
+void Node::SetRemoved() {
+  removed_ = true;
+  Discard();
+}
+
+// ---- the runtime's calls ----
+
+void Node::Reap() {
+  ForEachActive([](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS { range.Collect(); });
+}
+
+void Node::WriteFails(const WriteFailure& failure) { core_.failures.Tell(failure); }
+
+// ---- freshness ----
+
+// A request begins: the store's file is looked at when that was last done longer ago than the
+// setting refresh-interval.
+bool Node::IsCheckDue(unsigned now, int interval) const {
+  if (core_.suspicious.load(std::memory_order_relaxed)) return true;
+  const Freshness freshness = freshness_.load(std::memory_order_relaxed);
+  if (freshness == Freshness::kGone) return true;
+  const bool fails = options_.when_unknown == UnknownPolicy::kFail;
+  if (freshness == Freshness::kUnknown && fails) return true;
+  const long checked_at = checked_at_.load(std::memory_order_relaxed);
+  return interval != 0 && static_cast<long>(now) - checked_at > interval;
+}
+
+int Node::CheckIfDue() {
+  if (IsCheckDue(WallSeconds(), gEnv->settings->refresh_interval)) CheckFreshness();
+  const bool fails = options_.when_unknown == UnknownPolicy::kFail;
+  return fails && freshness_ == Freshness::kUnknown ? ESTALE : 0;
+}
+
+// One thread looks; others that need to know wait for what it learns.
+void Node::CheckFreshness() {
+  const WakeOnCancel wake(mutex_, checked_);
+  {
+    const MutexLock guard(mutex_);
+    if (checking_) {
+      while (checking_ && RequestScope::Wait(checked_, mutex_, services_.clock) == 0) {
+      }
+      return;
+    }
+    checking_ = true;
+    asking_ = true;
+  }
+  try {
+    Look();
+  } catch (const std::bad_alloc&) {  // then it is not known, and the next request looks again
+  }
+  const MutexLock guard(mutex_);
+  checking_ = asking_ = false;
+  checked_.WakeAll();
+}
+
+void Node::Look() {
+  const bool was_quiet = core_.written == 0;
+  const std::uint64_t writes = core_.own_writes;
+  const bool was_suspicious = core_.suspicious.exchange(false);
+  FileInfo info;
+  int error = 0;
+  {
+    const RequestScope scope({services_.clock.Now() + options_.check_patience, nullptr});
+    error = ByName([&](const std::string& name) { return store_.Stat(name, &info); });
+  }
+  if (RequestScope::Exceeded(services_.clock) != 0) {  // this request's end, not the store's
+    core_.suspicious = core_.suspicious || was_suspicious;
+    return;
+  }
+  // While bytes of ours are on their way, size and time say nothing about others.
+  const bool quiet = was_quiet && core_.written == 0 && core_.own_writes == writes;
+  Learn(error, info, quiet, writes);
+  checked_at_ = WallSeconds();
+}
+
+void Node::Learn(int error, const FileInfo& info, bool quiet, std::uint64_t writes) {
+  const bool was_unsure = freshness_ == Freshness::kUnknown || freshness_ == Freshness::kGone;
+  if (error == ENOENT) {
+    freshness_ = Freshness::kGone;
+    return;
+  }
+  if (error != 0) {
+    freshness_ = Freshness::kUnknown;
+    if (options_.when_unknown == UnknownPolicy::kServe) RenewAll();
+    return;
+  }
+  bool changed = false;
+  {
+    const MutexLock guard(mutex_);
+    const bool same = info.size == known_.size && info.modified_ns == known_.modified_ns;
+    changed = info.device != known_.device || info.inode != known_.inode ||
+              (quiet && (writes != known_writes_ ? info.size != core_.stored_size : !same));
+    if (quiet) {
+      known_ = info;
+      known_writes_ = writes;
+    }
+  }
+  if (changed || was_unsure) Forget(info, writes);
+  freshness_ = changed ? Freshness::kChanged : Freshness::kKnown;
+}
+
+// Somebody else may have changed the store's file: what is clean is fetched again. Its size holds
+// unless we have written since.
+void Node::Forget(const FileInfo& info, std::uint64_t writes) {
+  const Quiet quiet(*this, Quiet::What::kAsItIs);
+  if (quiet.outcome().error != 0) {
+    core_.suspicious = true;
+    return;
+  }
+  std::uint64_t size = info.size;
+  for (Range* const range : RangesFrom(0)) {
+    const RangeLock guard(range->lock);
+    if (range->end() == 0 || core_.broken) continue;
+    range->Collect();
+    if (core_.broken) return;
+    range->Forget();
+    size = std::max(size, range->DirtyEnd());
+  }
+  if (core_.own_writes != writes) {
+    core_.suspicious = true;
+    const MutexLock guard(mutex_);
+    known_.modified_ns = -1;  // to be found changed once more
+    return;
+  }
+  core_.stored_size = info.size;
+  core_.size = size;
+}
+
+void Node::RenewAll() {
+  for (Range* const range : RangesFrom(0)) {
+    const RangeLock guard(range->lock);
+    if (range->end() != 0 && !core_.broken) range->Renew();
+  }
+}
+
+// ---- what is known ----
+
+FileStats Node::GetStats() const {
+  FileStats stats;
+  stats.name = name();
+  stats.size = core_.size;
+  stats.cached = core_.cached;
+  stats.dirty = core_.dirty;
+  stats.in_flight = core_.in_flight;
+  if (services_.retry != nullptr) stats.parked = services_.retry->GetParked(stats.name).bytes;
+  stats.last_error = core_.failures.last_error();
+  stats.fetched = core_.fetched;
+  stats.turns = turns_;
+  stats.freshness = freshness_;
+  Clock::Time oldest = Clock::kNever;
+  for (Range* const range : RangesFrom(0)) {
+    const RangeLock guard(range->lock);
+    if (range->end() == 0) continue;
+    ++stats.streams;
+    stats.hits += range->counts.hits;
+    stats.misses += range->counts.misses;
+    stats.returned += range->counts.returned;
+    oldest = std::min(oldest, range->OldestDirty());
+  }
+  if (oldest != Clock::kNever) stats.oldest_dirty = services_.clock.Now() - oldest;
+  const MutexLock guard(mutex_);
+  stats.hits += retired_.hits;
+  stats.misses += retired_.misses;
+  stats.returned += retired_.returned;
+  return stats;
+}
+
+}  // namespace vesk

@@ -1,0 +1,396 @@
+// What is made of the store's file when somebody else may have changed it.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "tests/files/file_world.h"
+#include "tests/support/temporary_directory.h"
+
+namespace {
+
+std::atomic<time_t> ahead{0};  // of the system's clock, in seconds
+
+}  // namespace
+
+// In front of the system's, for this program: ages are counted with it.
+extern "C" time_t time(time_t* result) noexcept {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const time_t seconds = now.tv_sec + ahead;
+  if (result != nullptr) *result = seconds;
+  return seconds;
+}
+
+namespace vesk_test {
+namespace {
+
+using std::chrono::milliseconds;
+using vesk::FileHandle;
+using vesk::Freshness;
+using vesk::RequestScope;
+using vesk::Status;
+using vesk::UnknownPolicy;
+
+constexpr std::uint64_t kBlock = FileWorld::kBlock;
+
+class FreshnessTest : public ::testing::Test {
+ protected:
+  using World = FileWorld;
+
+  FreshnessTest() {
+    world_.settings.refresh_interval = kInterval;
+    world_.settings.retry_read_attempts = 1;
+    world_.Put("a", old_);
+  }
+  ~FreshnessTest() override { ahead = 0; }
+
+  // The file is looked at by the next request.
+  static void Pass(int seconds = kInterval + 2) { ahead += seconds; }
+
+  std::uint64_t Stats() const { return world_.script.Count(vesk::kFaultStat); }
+
+  static constexpr int kInterval = 100;
+  const std::string old_ = FileWorld::Content(500);
+  const std::string new_ = FileWorld::Content(500, 1);
+  FileWorld world_;
+};
+
+TEST_F(FreshnessTest, WithAnIntervalOfZeroTheStoreIsNeverAsked) {
+  world_.settings.refresh_interval = 0;
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  const std::uint64_t stats = Stats();
+  world_.Put("a", new_);
+  Pass(1000000);
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  World::Write(file, "x", 0);
+  EXPECT_EQ(Stats(), stats);
+}
+
+TEST_F(FreshnessTest, TheStoreIsAskedAfterTheIntervalAndNotBefore) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.Put("a", new_);
+  const std::uint64_t stats = Stats();
+  Pass(kInterval - 5);
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  EXPECT_EQ(Stats(), stats);
+  Pass(7);
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+  EXPECT_EQ(Stats(), stats + 1) << "once";
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+  EXPECT_EQ(Stats(), stats + 1);
+}
+
+TEST_F(FreshnessTest, TheIntervalMayChangeWhileFilesAreOpen) {
+  world_.settings.refresh_interval = 0;
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.Put("a", new_);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.settings.refresh_interval = kInterval;
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+}
+
+TEST_F(FreshnessTest, AChangeOfTheSameLengthIsNoticed) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+  world_.Put("a", new_);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kChanged);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+}
+
+TEST_F(FreshnessTest, AChangeOfTheLengthIsNoticed) {
+  FileHandle& file = world_.Open("a");
+  for (const std::size_t length : {1000u, 10u, 0u, 130u, 64u}) {
+    const std::string content = FileWorld::Content(length, static_cast<unsigned int>(length));
+    world_.Put("a", content);
+    Pass();
+    EXPECT_EQ(World::Read(file, 0, 2000), content);
+    EXPECT_EQ(file.Size(), length);
+  }
+}
+
+TEST_F(FreshnessTest, AnotherHandleSeesTheChangeToo) {
+  FileHandle& file = world_.Open("a");
+  FileHandle& other = world_.Open("a");
+  EXPECT_EQ(World::Read(other, 0, 600), old_);
+  world_.Put("a", new_);
+  Pass();
+  EXPECT_EQ(World::Read(file, 400, 10), new_.substr(400, 10));
+  EXPECT_EQ(World::Read(other, 0, 600), new_);
+}
+
+TEST_F(FreshnessTest, AFileThatIsReplacedOnDiskIsReadAnew) {
+  const TemporaryDirectory directory;
+  FileWorld world(FileWorld::Kind::kDisk);
+  world.settings.refresh_interval = kInterval;
+  world.Put(directory / "a", old_);
+  FileHandle& file = world.Open(directory / "a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world.Put(directory / "b", new_);
+  std::filesystem::rename(directory / "b", directory / "a");
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+  World::Write(file, "own", 0);
+  EXPECT_TRUE(file.Close().ok());
+  std::ostringstream on_disk;
+  on_disk << std::ifstream(directory / "a", std::ios::binary).rdbuf();
+  EXPECT_EQ(on_disk.str(), "own" + new_.substr(3)) << "not in the file that has no name any more";
+}
+
+TEST_F(FreshnessTest, OwnWritesAreNotTakenForForeignChanges) {
+  FileHandle& file = world_.Open("a");
+  std::string expected = old_;
+  for (unsigned int i = 0; i < 6; ++i) {
+    World::Write(file, "own", i * 200);
+    if (expected.size() < i * 200 + 3) expected.resize(i * 200 + 3, '\0');
+    expected.replace(i * 200, 3, "own");
+    if (i % 2 == 0) {
+      EXPECT_TRUE(file.Sync().ok());
+    }
+    if (i == 3) {
+      EXPECT_TRUE(file.Truncate(350).ok());
+      expected.resize(350);
+    }
+    Pass();
+    EXPECT_EQ(World::Read(file, 0, 3000), expected);
+    EXPECT_EQ(file.Size(), expected.size());
+    EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown) << i;
+  }
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(world_.Stored("a"), expected);
+}
+
+TEST_F(FreshnessTest, OwnWritesOnTheirWayAreNotTakenForForeignChanges) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "own", 0);
+  world_.script.Hold({vesk::kFaultWrite});
+  EXPECT_TRUE(file.Flush().ok());
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3));
+  world_.script.Heal();
+  EXPECT_TRUE(file.Sync().ok());
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3));
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+}
+
+TEST_F(FreshnessTest, OwnUnsavedBytesOutliveAForeignChange) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultWrite});  // a write in passing is not to reach the store
+  World::Write(file, "own", 100);
+  World::Write(file, "far", 700);
+  world_.Put("a", new_);
+  Pass();
+  std::string expected = new_;
+  expected.replace(100, 3, "own");
+  expected += std::string(200, '\0') + "far";
+  EXPECT_EQ(World::Read(file, 0, 1000), expected);
+  world_.script.Heal();
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(world_.Stored("a"), expected);
+}
+
+// Own bytes explain another time of change, not bytes behind all that was written here.
+TEST_F(FreshnessTest, AFileThatAnotherWriterMadeLongerIsSeenSoBesideOwnWrites) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "own", 0);
+  world_.Put("a", FileWorld::Content(1000));
+  Pass();
+  World::Read(file, 0, 10);
+  EXPECT_TRUE(file.Sync().ok());
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 2000), "own" + FileWorld::Content(1000).substr(3));
+  EXPECT_EQ(file.Size(), 1000u);
+}
+
+TEST_F(FreshnessTest, AFileThatBecameShorterEndsTheReadThere) {
+  FileHandle& file = world_.Open("a");
+  world_.Put("a", old_.substr(0, 100));
+  const RequestScope scope(world_.In(kPatience));
+  EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100)) << "though the interval is not over";
+  EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100));
+  EXPECT_EQ(file.Size(), 100u);
+}
+
+TEST_F(FreshnessTest, AFileThatIsGoneIsStaleAndComesBack) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  ASSERT_TRUE(world_.RemoveStored("a"));
+  EXPECT_EQ(World::Read(file, 0, 600), old_) << "not looked at yet";
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600, ESTALE), "") << "never an empty file";
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kGone);
+  World::Write(file, "x", 0, ESTALE);
+  world_.Put("a", new_);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+  EXPECT_TRUE(file.Close().ok());
+}
+
+TEST_F(FreshnessTest, BytesUnsavedWhenTheFileIsGoneAreStoredWhenItIsBack) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  World::Write(file, "own", 0);
+  ASSERT_TRUE(world_.RemoveStored("a"));
+  Pass();
+  World::Read(file, 0, 600, ESTALE);
+  EXPECT_EQ(file.GetStats().dirty, 3u);
+  world_.Put("a", new_);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 3), "own");
+  EXPECT_EQ(World::Read(file, kBlock, 600), new_.substr(kBlock));
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(world_.Stored("a"), "own" + new_.substr(3));
+}
+
+TEST_F(FreshnessTest, WhatStandsBesideUnsavedBytesInTheirBlockIsReadAnewToo) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  World::Write(file, "own", 0);
+  world_.Put("a", new_.substr(0, 490));
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), "own" + new_.substr(3, 487));
+}
+
+TEST_F(FreshnessTest, AStoreThatCannotTellLeavesCachedBytesInService) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Fail({vesk::kFaultStat | vesk::kFaultRead}, EIO);
+  for (int i = 0; i < 4; ++i) {
+    Pass();
+    EXPECT_EQ(World::Read(file, 0, 600), old_);
+    EXPECT_EQ(file.GetStats().freshness, Freshness::kUnknown);
+  }
+  World::Write(file, "own", 0);
+  EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3));
+  world_.script.Heal();
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3));
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+}
+
+TEST_F(FreshnessTest, AChangeWhileTheStoreCouldNotTellIsSeenAfterwards) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Fail({vesk::kFaultStat}, EIO);
+  world_.Put("a", new_);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Heal();
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+}
+
+TEST_F(FreshnessTest, BytesThatAreNotCachedAreNotMadeUpWhenTheStoreCannotTell) {
+  FileHandle& file = world_.Open("a");
+  World::Read(file, 0, 10);
+  world_.script.Fail({vesk::kFaultStat | vesk::kFaultRead}, EIO);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 10), old_.substr(0, 10));
+  EXPECT_EQ(World::Read(file, 300, 10, EIO), "");
+  EXPECT_EQ(file.Size(), 500u);
+}
+
+TEST_F(FreshnessTest, ByPolicyRequestsFailWhenTheStoreCannotTell) {
+  world_.options.when_unknown = UnknownPolicy::kFail;
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Fail({vesk::kFaultStat}, EIO);
+  EXPECT_EQ(World::Read(file, 0, 600), old_) << "known until the interval is over";
+  Pass();
+  std::string bytes(10, '?');
+  std::size_t moved = 7;
+  EXPECT_NE(file.ReadAt(bytes.data(), 10, 0, &moved).error(), 0);
+  EXPECT_EQ(moved, 0u);
+  EXPECT_NE(file.WriteAt("x", 1, 0).error(), 0);
+  world_.script.Heal();
+  EXPECT_EQ(World::Read(file, 0, 600), old_) << "at once: each request asks";
+}
+
+TEST_F(FreshnessTest, AStoreThatHangsCannotTellAfterAWhile) {
+  world_.options.check_patience = milliseconds(30);
+  FileHandle& file = world_.Open("a");
+  world_.Put("b", new_);
+  FileHandle& other = world_.Open("b");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultStat, "a"});
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kUnknown);
+  EXPECT_EQ(World::Read(other, 0, 600), new_);
+  EXPECT_EQ(other.GetStats().freshness, Freshness::kKnown);
+  world_.script.Heal();
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+}
+
+TEST_F(FreshnessTest, ByPolicyRequestsFailWhenTheStoreHangs) {
+  world_.options.check_patience = milliseconds(30);
+  world_.options.when_unknown = UnknownPolicy::kFail;
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultStat, "a"});
+  Pass();
+  std::string bytes(10, '?');
+  std::size_t moved = 0;
+  EXPECT_NE(file.ReadAt(bytes.data(), 10, 0, &moved).error(), 0);
+  world_.script.Heal();
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+}
+
+TEST_F(FreshnessTest, ACheckEndsWithTheRequestThatMakesIt) {
+  world_.options.check_patience = std::chrono::hours(1);
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultStat, "a"});
+  world_.Put("a", new_);
+  Pass();
+  {
+    const RequestScope scope(world_.In(milliseconds(30)));
+    std::string bytes(10, '?');
+    std::size_t moved = 0;
+    const Status status = file.ReadAt(bytes.data(), 10, 0, &moved);
+    EXPECT_TRUE(status.ok() || status.error() == ETIMEDOUT) << status.Message();
+  }
+  world_.script.Heal();
+  EXPECT_EQ(World::Read(file, 0, 600), new_) << "the next request asks again";
+}
+
+TEST_F(FreshnessTest, OthersAreServedWhileOneRequestAsksTheStore) {
+  world_.options.check_patience = std::chrono::hours(1);
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultStat, "a"});
+  Pass(kInterval + 2);
+  std::thread asking([&] { EXPECT_EQ(World::Read(file, 0, 600), old_); });
+  world_.script.AwaitHeld(1);
+  EXPECT_EQ(world_.script.held(), 1u);
+  {
+    const RequestScope scope(world_.In(kPatience));
+    EXPECT_EQ(World::Read(file, 0, 600), old_);
+  }
+  EXPECT_EQ(world_.script.held(), 1u) << "asked once";
+  world_.script.Heal();
+  asking.join();
+}
+
+}  // namespace
+}  // namespace vesk_test

@@ -1,0 +1,257 @@
+// The limit for all blocks: what is reserved, who gives some back, and who waits.
+
+#include "files/memory_budget.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "runtime/request.h"
+#include "tests/support/manual_clock.h"
+#include "tests/support/task.h"
+
+namespace vesk_test {
+namespace {
+
+using std::chrono::seconds;
+using vesk::MemoryBudget;
+using Reservation = MemoryBudget::Reservation;
+
+// Holds blocks of one byte each, known by their stamps, oldest first.
+class Holder final : public MemoryBudget::Source {
+ public:
+  Holder(MemoryBudget& budget, std::string name, std::vector<std::string>* evicted)
+      : budget_(budget), name_(std::move(name)), evicted_(evicted) {
+    budget_.Add(*this);
+  }
+  ~Holder() {
+    budget_.Remove(*this);
+    budget_.Release(stamps_.size());
+  }
+  Holder(const Holder&) = delete;
+  Holder& operator=(const Holder&) = delete;
+
+  void Make() {
+    Reservation memory(budget_);
+    ASSERT_EQ(memory.Reserve(1), 0);
+    memory.Use(1);
+    stamps_.push_back(budget_.Stamp());
+  }
+  std::size_t size() const { return stamps_.size(); }
+
+  std::atomic<bool> busy{false};
+  std::atomic<unsigned> asked{0};  // times that it had to evict
+
+ private:
+  Left Evict(std::uint64_t bytes, std::uint64_t newest) override {
+    Left left;
+    ++asked;
+    if (busy) return left;
+    while (left.freed < bytes && !stamps_.empty() && stamps_.front() <= newest) {
+      stamps_.erase(stamps_.begin());
+      evicted_->push_back(name_);
+      ++left.freed;
+    }
+    budget_.Release(left.freed);
+    if (!stamps_.empty()) left.oldest = stamps_.front();
+    return left;
+  }
+
+  MemoryBudget& budget_;
+  const std::string name_;
+  std::vector<std::string>* const evicted_;
+  std::vector<std::uint64_t> stamps_;
+};
+
+class MemoryBudgetTest : public ::testing::Test {
+ protected:
+  ManualClock clock_;
+  MemoryBudget budget_{10, clock_};
+  std::vector<std::string> evicted_;
+};
+
+TEST_F(MemoryBudgetTest, WhatIsReservedIsGivenBackUnlessItIsUsed) {
+  {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(6), 0);
+    EXPECT_EQ(memory.Reserve(4), 0);  // there already
+    EXPECT_EQ(memory.bytes(), 6u);
+    EXPECT_EQ(budget_.used(), 6u);
+    memory.Use(2);
+    EXPECT_EQ(memory.bytes(), 4u);
+    EXPECT_TRUE(memory.TryReserve(8));
+    EXPECT_EQ(budget_.used(), 10u);
+    Reservation other(budget_);
+    EXPECT_FALSE(other.TryReserve(1));
+    EXPECT_EQ(other.bytes(), 0u);
+  }
+  EXPECT_EQ(budget_.used(), 2u);
+  EXPECT_EQ(budget_.peak(), 10u);
+  budget_.Release(2);
+  EXPECT_EQ(budget_.used(), 0u);
+}
+
+TEST_F(MemoryBudgetTest, MoreThanThereIsAtAllIsRefusedAtOnce) {
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(11), ENOMEM);
+  EXPECT_FALSE(memory.TryReserve(~std::uint64_t{0}));
+  EXPECT_EQ(memory.Reserve(10), 0);
+}
+
+TEST_F(MemoryBudgetTest, TheOldestBlockOfAllSourcesGoesFirst) {
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  Holder c(budget_, "c", &evicted_);
+  for (Holder* const holder : {&a, &b, &b, &c, &a, &c, &b, &a, &c, &c}) holder->Make();
+  EXPECT_EQ(budget_.used(), 10u);
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(6), 0);
+  EXPECT_EQ(evicted_, (std::vector<std::string>{"a", "b", "b", "c", "a", "c"}));
+  EXPECT_EQ(budget_.used(), 10u);
+}
+
+TEST_F(MemoryBudgetTest, ASourceThatIsBusyIsPassedOver) {
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  for (unsigned i = 0; i < 5; ++i) a.Make();
+  for (unsigned i = 0; i < 5; ++i) b.Make();
+  a.busy = true;
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(5), 0);
+  EXPECT_EQ(a.size(), 5u);
+  EXPECT_EQ(b.size(), 0u);
+  a.busy = false;
+  EXPECT_EQ(memory.Reserve(9), 0);
+  EXPECT_EQ(a.size(), 1u);
+}
+
+TEST_F(MemoryBudgetTest, TakeUpToTakesHalvesAndDoesNotWait) {
+  Holder a(budget_, "a", &evicted_);
+  for (unsigned i = 0; i < 7; ++i) a.Make();
+  a.busy = true;
+  Reservation memory(budget_);
+  memory.TakeUpTo(8);
+  EXPECT_EQ(memory.bytes(), 2u);  // 8 and 4 are not there
+  memory.TakeUpTo(4);
+  EXPECT_EQ(memory.bytes(), 3u);
+  memory.TakeUpTo(4);
+  EXPECT_EQ(memory.bytes(), 3u);
+  a.busy = false;
+  memory.TakeUpTo(4);
+  EXPECT_EQ(memory.bytes(), 7u);
+  EXPECT_EQ(budget_.used(), 10u);
+}
+
+TEST_F(MemoryBudgetTest, WhereNothingCanGoRequestsWaitInTheOrderOfTheirComing) {
+  std::atomic<unsigned> told{0};
+  budget_.OnShort([&] { ++told; });
+  auto mine = std::make_unique<Reservation>(budget_);
+  ASSERT_EQ(mine->Reserve(10), 0);
+  vesk::Mutex mutex;
+  std::vector<unsigned> order;
+  std::vector<std::unique_ptr<Task>> tasks;
+  for (unsigned i = 0; i < 4; ++i) {
+    tasks.push_back(std::make_unique<Task>([&, i] {
+      Reservation memory(budget_);
+      ASSERT_EQ(memory.Reserve(6), 0);  // one at a time
+      const vesk::MutexLock guard(mutex);
+      order.push_back(i);
+    }));
+    clock_.AwaitWaiters(i + 1);
+  }
+  EXPECT_GE(told, 1u) << "somebody has to write dirty blocks out";
+  Reservation late(budget_);
+  mine.reset();
+  (void)late.TryReserve(1);  // never before those who wait, so it is in nobody's way
+  late.Reset();
+  for (const auto& task : tasks) EXPECT_TRUE(task->Await());
+  EXPECT_EQ(order, (std::vector<unsigned>{0, 1, 2, 3}));
+  EXPECT_EQ(budget_.used(), 0u);
+  EXPECT_LE(budget_.peak(), 10u);
+}
+
+TEST_F(MemoryBudgetTest, WhoComesLaterAndWantsLessWaitsBehind) {
+  Reservation mine(budget_);
+  ASSERT_EQ(mine.Reserve(9), 0);
+  Task waiter([&] {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(5), 0);
+  });
+  clock_.AwaitWaiters(1);
+  Reservation small(budget_);
+  EXPECT_FALSE(small.TryReserve(1)) << "a byte is free, but somebody waits for it";
+  mine.Reset();
+  EXPECT_TRUE(waiter.Await());
+  EXPECT_TRUE(small.TryReserve(1));
+}
+
+TEST_F(MemoryBudgetTest, AWaitEndsWhenABlockCanBeEvicted) {
+  Holder a(budget_, "a", &evicted_);
+  for (unsigned i = 0; i < 10; ++i) a.Make();
+  a.busy = true;
+  Task waiter([&] {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(3), 0);
+  });
+  clock_.AwaitWaiters(1);
+  EXPECT_FALSE(waiter.Ended());
+  EXPECT_LE(a.asked, 6u) << "it asks again and again instead of sleeping";
+  a.busy = false;
+  budget_.Changed();
+  EXPECT_TRUE(waiter.Await());
+  EXPECT_EQ(evicted_.size(), 3u);
+}
+
+TEST_F(MemoryBudgetTest, WaitsEndWithTheDeadlineOrWhenTheyAreCalledOff) {
+  Reservation mine(budget_);
+  ASSERT_EQ(mine.Reserve(10), 0);
+  Task late([&] {
+    const vesk::RequestScope scope({clock_.Now() + seconds(2), nullptr});
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(5), ETIMEDOUT);
+    EXPECT_EQ(memory.bytes(), 0u);
+  });
+  clock_.AwaitWaiters(1);
+  Task cancelled([&] {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(5), ECANCELED);
+  });
+  clock_.AwaitWaiters(2);
+  Task last([&] {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(5), 0);
+  });
+  clock_.AwaitWaiters(3);
+  clock_.Advance(seconds(2));
+  EXPECT_TRUE(late.Await());
+  cancelled.Cancel();
+  EXPECT_TRUE(cancelled.Await());
+  EXPECT_FALSE(last.Ended());
+  mine.Reset();
+  EXPECT_TRUE(last.Await()) << "those who gave up are in its way";
+  EXPECT_EQ(budget_.used(), 0u);
+}
+
+// Two that wait for more while they hold some could wait for each other.
+TEST_F(MemoryBudgetTest, AReservationThatHasToWaitHoldsNothing) {
+  Reservation mine(budget_);
+  ASSERT_EQ(mine.Reserve(5), 0);
+  Task waiter([&] {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(5), 0);
+    EXPECT_EQ(memory.Reserve(8), 0);
+  });
+  clock_.AwaitWaiters(1);
+  EXPECT_EQ(budget_.used(), 5u);
+  mine.Reset();
+  EXPECT_TRUE(waiter.Await());
+}
+
+}  // namespace
+}  // namespace vesk_test

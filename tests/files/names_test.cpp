@@ -1,0 +1,410 @@
+// One name, one set of bytes: aliases, renaming, replacing and removing of open files.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "tests/files/file_world.h"
+#include "tests/support/temporary_directory.h"
+
+namespace vesk_test {
+namespace {
+
+using std::chrono::milliseconds;
+using vesk::FileHandle;
+using vesk::RequestScope;
+using vesk::Status;
+
+class NamesTest : public ::testing::TestWithParam<FileWorld::Kind> {
+ protected:
+  using World = FileWorld;
+
+  std::string Path(const std::string& name) const { return directory_ / name; }
+  FileHandle& Open(const std::string& name) { return world_.Open(Path(name)); }
+  void Put(const std::string& name, const std::string& bytes) { world_.Put(Path(name), bytes); }
+  std::string Stored(const std::string& name) { return world_.Stored(Path(name)); }
+  Status Rename(const std::string& from, const std::string& to) {
+    return world_.files().Rename(Path(from), Path(to));
+  }
+  Status Remove(const std::string& name) { return world_.files().Remove(Path(name)); }
+
+  // Every request of a handle whose file has gone.
+  void ExpectStale(FileHandle& file) {
+    World::Read(file, 0, 10, ESTALE);
+    World::Write(file, "x", 0, ESTALE);
+    EXPECT_EQ(file.Append("x", 1).error(), ESTALE);
+    EXPECT_EQ(file.Truncate(3).error(), ESTALE);
+    EXPECT_EQ(file.Sync().error(), ESTALE);
+    EXPECT_TRUE(file.Close().ok()) << "nothing is left to store";
+  }
+
+  const TemporaryDirectory directory_;
+  FileWorld world_{GetParam()};
+};
+
+INSTANTIATE_TEST_SUITE_P(Stores, NamesTest,
+                         ::testing::Values(FileWorld::Kind::kMemory, FileWorld::Kind::kDisk),
+                         [](const auto& kind) {
+                           return kind.param == FileWorld::Kind::kDisk ? "Disk" : "Memory";
+                         });
+
+class AliasTest : public NamesTest {
+ protected:
+  // What is written by one name is read by the other at once, both ways, and stored once.
+  void ExpectOneFile(const std::string& name, const std::string& alias) {
+    FileHandle& one = world_.Open(name);
+    FileHandle& two = world_.Open(alias);
+    EXPECT_EQ(World::Read(two, 0, 9), "bytes");
+    World::Write(one, "BY", 0);
+    EXPECT_EQ(World::Read(two, 0, 9), "BYtes");
+    World::Write(two, "longer", 100);
+    EXPECT_EQ(one.Size(), 106u);
+    EXPECT_EQ(World::Read(one, 100, 9), "longer");
+    EXPECT_EQ(world_.files().GetFiles().size(), 1u);
+    EXPECT_TRUE(one.Close().ok());
+    World::Write(two, "end", 0);
+    EXPECT_TRUE(two.Close().ok());
+    EXPECT_EQ(world_.Stored(name), "endes" + std::string(95, '\0') + "longer");
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Stores, AliasTest, ::testing::Values(FileWorld::Kind::kDisk),
+                         [](const auto& /*kind*/) { return "Disk"; });
+
+TEST_P(AliasTest, HardLinksMeetInTheSameFile) {
+  Put("a", "bytes");
+  std::filesystem::create_hard_link(Path("a"), Path("link"));
+  ExpectOneFile(Path("a"), Path("link"));
+}
+
+TEST_P(AliasTest, SymbolicLinksMeetInTheSameFile) {
+  Put("a", "bytes");
+  std::filesystem::create_symlink("a", Path("link"));
+  ExpectOneFile(Path("a"), Path("link"));
+}
+
+TEST_P(AliasTest, PathsThatAreSpelledDifferentlyMeetInTheSameFile) {
+  Put("a", "bytes");
+  std::filesystem::create_directory(Path("d"));
+  ExpectOneFile(Path("a"), Path("d/../a"));
+}
+
+TEST_P(AliasTest, RelativeAndAbsolutePathsMeetInTheSameFile) {
+  Put("a", "bytes");
+  ExpectOneFile(Path("a"), std::filesystem::relative(Path("a")).string());
+}
+
+TEST_P(NamesTest, DifferentNamesAreDifferentFiles) {
+  FileHandle& one = Open("a");
+  FileHandle& two = Open("b");
+  World::Write(one, "one", 0);
+  World::Write(two, "two!", 0);
+  EXPECT_EQ(World::Read(one, 0, 9), "one");
+  EXPECT_EQ(World::Read(two, 0, 9), "two!");
+  EXPECT_EQ(world_.files().GetFiles().size(), 2u);
+}
+
+TEST_P(NamesTest, AFileThatWasClosedAndReopenedHasItsBytes) {
+  for (int i = 0; i < 3; ++i) {
+    FileHandle& file = Open("a");
+    EXPECT_EQ(World::Read(file, 0, 99), std::string(static_cast<std::size_t>(i), 'x'));
+    EXPECT_TRUE(file.Append("x", 1).ok());
+    EXPECT_TRUE(file.Close().ok());
+  }
+}
+
+// ---- renaming ----
+
+TEST_P(NamesTest, AnOpenFileGoesOnUnderItsNewName) {
+  Put("a", FileWorld::Content(300));
+  FileHandle& file = Open("a");
+  EXPECT_EQ(World::Read(file, 0, 10), FileWorld::Content(300).substr(0, 10));
+  World::Write(file, "dirty", 100);
+  EXPECT_TRUE(Rename("a", "b").ok());
+  std::string expected = FileWorld::Content(300).replace(100, 5, "dirty");
+  EXPECT_EQ(Stored("a"), "(no file)");
+  EXPECT_EQ(Stored("b"), expected) << "what was dirty went before";
+  EXPECT_EQ(World::Read(file, 0, 400), expected);
+  World::Write(file, "after", 200);
+  expected.replace(200, 5, "after");
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_EQ(Stored("b"), expected);
+  EXPECT_EQ(file.GetStats().name, Path("b"));
+  FileHandle& other = Open("b");
+  EXPECT_EQ(World::Read(other, 0, 400), expected);
+  EXPECT_EQ(world_.files().GetFiles().size(), 1u);
+  EXPECT_EQ(Stored("a"), "(no file)") << "nothing came back by the old name";
+}
+
+TEST_P(NamesTest, TheOldNameIsFreeForAnotherFile) {
+  FileHandle& file = Open("a");
+  World::Write(file, "first", 0);
+  EXPECT_TRUE(Rename("a", "b").ok());
+  FileHandle& second = Open("a");
+  EXPECT_EQ(second.Size(), 0u);
+  World::Write(second, "second", 0);
+  World::Write(file, "FIRST", 0);
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_TRUE(second.Close().ok());
+  EXPECT_EQ(Stored("a"), "second");
+  EXPECT_EQ(Stored("b"), "FIRST");
+}
+
+TEST_P(NamesTest, AFileThatNobodyHasOpenIsRenamedAndRemoved) {
+  Put("a", "bytes");
+  EXPECT_TRUE(Rename("a", "b").ok());
+  EXPECT_EQ(Stored("b"), "bytes");
+  EXPECT_TRUE(Remove("b").ok());
+  EXPECT_EQ(Stored("b"), "(no file)");
+  EXPECT_EQ(Remove("b").error(), ENOENT);
+  const Status status = Rename("b", "c");
+  EXPECT_EQ(status.error(), ENOENT);
+  EXPECT_NE(status.context().find(Path("b")), std::string::npos);
+  EXPECT_NE(status.context().find(Path("c")), std::string::npos);
+}
+
+TEST_P(NamesTest, RenamingToItselfChangesNothing) {
+  FileHandle& file = Open("a");
+  World::Write(file, "bytes", 0);
+  EXPECT_TRUE(Rename("a", "a").ok());
+  EXPECT_EQ(World::Read(file, 0, 9), "bytes");
+  World::Write(file, "more", 5);
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(Stored("a"), "bytesmore");
+}
+
+TEST_P(NamesTest, TheHandlesOfAReplacedFileAreStale) {
+  Put("b", "replaced");
+  FileHandle& file = Open("a");
+  FileHandle& replaced = Open("b");
+  World::Write(file, "bytes", 0);
+  EXPECT_EQ(World::Read(replaced, 0, 9), "replaced");
+  World::Write(replaced, "never", 0);
+  EXPECT_TRUE(Rename("a", "b").ok());
+  ExpectStale(replaced);
+  EXPECT_EQ(World::Read(file, 0, 9), "bytes");
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(Stored("b"), "bytes");
+  EXPECT_EQ(World::Read(Open("b"), 0, 9), "bytes");
+}
+
+// Writes go by name: one that sets out for the replaced file must not arrive in the other.
+TEST_P(NamesTest, AWriteOfAReplacedFileThatIsOnItsWayDoesNotReachItsSuccessor) {
+  Put("b", "replaced");
+  FileHandle& file = Open("a");
+  FileHandle& replaced = Open("b");
+  World::Write(file, "bytes", 0);
+  World::Write(replaced, "never", 0);
+  world_.script.Hold({vesk::kFaultWrite, Path("b")});
+  EXPECT_TRUE(replaced.Flush().ok());
+  EXPECT_EQ(world_.script.held(), 1u);
+  Status renamed;
+  {
+    const RequestScope scope(world_.In(milliseconds(50)));
+    renamed = Rename("a", "b");
+  }
+  world_.script.Heal();
+  if (!renamed.ok()) {
+    EXPECT_EQ(renamed.error(), ETIMEDOUT) << "it may wait for the write";
+    EXPECT_TRUE(Rename("a", "b").ok());
+  }
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(Stored("b"), "bytes");
+}
+
+TEST_P(NamesTest, AWriteOfARemovedFileThatIsOnItsWayDoesNotReachItsSuccessor) {
+  FileHandle& file = Open("a");
+  World::Write(file, "never", 0);
+  world_.script.Hold({vesk::kFaultWrite, Path("a")});
+  EXPECT_TRUE(file.Flush().ok());
+  Status removed;
+  {
+    const RequestScope scope(world_.In(milliseconds(50)));
+    removed = Remove("a");
+  }
+  if (!removed.ok()) {
+    EXPECT_EQ(removed.error(), ETIMEDOUT) << "it may wait for the write";
+    world_.script.Heal();
+    EXPECT_TRUE(Remove("a").ok());
+  }
+  Put("a", "another");
+  world_.script.Heal();
+  EXPECT_TRUE(FileWorld::Await([&] { return world_.dispatcher().GetStats().depth == 0; }));
+  EXPECT_EQ(Stored("a"), "another");
+  EXPECT_EQ(World::Read(Open("a"), 0, 9), "another");
+}
+
+TEST_P(NamesTest, AFailedRenameLeavesBothFilesAsTheyWere) {
+  FileHandle& file = Open("a");
+  FileHandle& other = Open("b");
+  World::Write(file, "one", 0);
+  World::Write(other, "two", 0);
+  world_.script.Fail({vesk::kFaultRename}, EACCES, 1);
+  EXPECT_EQ(Rename("a", "b").error(), EACCES);
+  EXPECT_EQ(World::Read(file, 0, 9), "one");
+  EXPECT_EQ(World::Read(other, 0, 9), "two");
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_TRUE(other.Close().ok());
+  EXPECT_EQ(Stored("a") + Stored("b"), "onetwo");
+}
+
+TEST_P(NamesTest, ARenameOfAFileThatCannotBeStoredSaysSoAndChangesNothing) {
+  FileHandle& file = Open("a");
+  World::Write(file, "dirty", 0);
+  world_.script.Fail({vesk::kFaultWrite}, ENOSPC);
+  {
+    const RequestScope scope(world_.In(milliseconds(50)));
+    EXPECT_NE(Rename("a", "b").error(), 0);
+  }
+  EXPECT_EQ(Stored("b"), "(no file)");
+  EXPECT_EQ(World::Read(file, 0, 9), "dirty");
+  world_.script.Heal();
+  EXPECT_TRUE(FileWorld::Await([&] { return file.Sync().ok(); }));
+  EXPECT_TRUE(Rename("a", "b").ok());
+  EXPECT_EQ(Stored("b"), "dirty");
+}
+
+// The file is where it was asked to be: not being able to look at it is no loss.
+TEST_P(NamesTest, ARenameWhoseStoreCannotBeAskedAfterwardsKeepsTheFile) {
+  FileHandle& file = Open("a");
+  World::Write(file, "bytes", 0);
+  EXPECT_TRUE(file.Sync().ok());
+  world_.settings.retry_read_attempts = 1;
+  std::thread breaking([&] {
+    world_.script.AwaitHeld(1);
+    world_.script.Fail({vesk::kFaultStat}, EIO);
+    world_.script.EndOne(0, 0);
+  });
+  world_.script.Hold({vesk::kFaultRename});
+  (void)Rename("a", "b");
+  breaking.join();
+  world_.script.Heal();
+  EXPECT_EQ(Stored("b"), "bytes");
+  EXPECT_EQ(World::Read(file, 0, 9), "bytes");
+  World::Write(file, "BYTES", 0);
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(Stored("b"), "BYTES");
+}
+
+TEST_P(NamesTest, ReadersAndWritersBesideRenamesMissNothing) {
+  Put("a", std::string(2000, 'x'));
+  FileHandle& file = Open("a");
+  std::thread writer([&] {
+    for (unsigned int i = 0; i < 400; ++i) {
+      const std::uint64_t at = i * 41 % 1900;
+      const std::string bytes(20, static_cast<char>('a' + i % 26));
+      World::Write(file, bytes, at);
+      EXPECT_EQ(World::Read(file, at, 20), bytes);
+    }
+  });
+  for (int i = 0; i < 30; ++i) {
+    EXPECT_TRUE(Rename("a", "b").ok());
+    EXPECT_TRUE(Rename("b", "a").ok());
+  }
+  writer.join();
+  const std::string all = World::Read(file, 0, 3000);
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(Stored("a"), all);
+  EXPECT_EQ(Stored("b"), "(no file)");
+}
+
+// ---- removing ----
+
+TEST_P(NamesTest, TheHandlesOfARemovedFileAreStaleAndItsNameIsFree) {
+  Put("a", "old bytes");
+  FileHandle& file = Open("a");
+  FileHandle& reader = world_.Open(Path("a"), {});
+  World::Write(file, "dirty", 0);
+  EXPECT_EQ(World::Read(reader, 0, 5), "dirty");
+  EXPECT_TRUE(Remove("a").ok());
+  EXPECT_EQ(Stored("a"), "(no file)");
+  FileHandle& next = Open("a");
+  EXPECT_EQ(next.Size(), 0u);
+  World::Write(next, "new", 0);
+  ExpectStale(file);
+  World::Read(reader, 0, 10, ESTALE);
+  EXPECT_TRUE(reader.Close().ok());
+  EXPECT_TRUE(next.Close().ok());
+  EXPECT_EQ(Stored("a"), "new");
+  EXPECT_EQ(world_.files().memory_used(), 0u);
+}
+
+TEST_P(NamesTest, AFailedRemovalLeavesTheFile) {
+  FileHandle& file = Open("a");
+  World::Write(file, "dirty", 0);
+  world_.script.Fail({vesk::kFaultRemove}, EACCES, 1);
+  EXPECT_EQ(Remove("a").error(), EACCES);
+  EXPECT_EQ(World::Read(file, 0, 9), "dirty");
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(Stored("a"), "dirty");
+}
+
+TEST_P(AliasTest, ARemovedFileGoesOnWithItsOtherName) {
+  Put("a", "bytes");
+  std::filesystem::create_hard_link(Path("a"), Path("link"));
+  FileHandle& file = Open("a");
+  FileHandle& other = Open("link");
+  World::Write(file, "dirty", 100);
+  EXPECT_TRUE(Remove("a").ok());
+  const std::string expected = "bytes" + std::string(95, '\0') + "dirty";
+  EXPECT_EQ(World::Read(file, 0, 200), expected);
+  EXPECT_EQ(World::Read(other, 0, 200), expected);
+  World::Write(file, "BY", 0);
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_EQ(Stored("link"), "BY" + expected.substr(2));
+  EXPECT_EQ(Stored("a"), "(no file)");
+}
+
+TEST_P(AliasTest, UnsavedBytesOutliveTheRemovalOfOneNameThoughTheOtherCannotBeAsked) {
+  Put("a", "bytes");
+  std::filesystem::create_hard_link(Path("a"), Path("link"));
+  Open("a");
+  FileHandle& other = Open("link");
+  World::Write(other, "dirty", 0);
+  world_.settings.retry_read_attempts = 1;
+  world_.script.Fail({vesk::kFaultStat, Path("link")}, EIO);
+  (void)Remove("a");
+  world_.script.Heal();
+  EXPECT_TRUE(FileWorld::Await([&] { return other.Sync().ok(); }));
+  EXPECT_EQ(Stored("link"), "dirty");
+}
+
+TEST_P(AliasTest, RenamingOntoAnotherLinkOfTheFileKeepsIt) {
+  Put("a", "bytes");
+  std::filesystem::create_hard_link(Path("a"), Path("link"));
+  FileHandle& file = Open("a");
+  World::Write(file, "dirty", 0);
+  EXPECT_TRUE(Rename("a", "link").ok());  // the system leaves both names
+  EXPECT_EQ(World::Read(file, 0, 9), "dirty");
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(Stored("link"), "dirty");
+}
+
+TEST_P(NamesTest, RemoveDuringReadsInFlightEndsThemAll) {
+  Put("a", FileWorld::Content(1000));
+  FileHandle& file = Open("a");
+  world_.script.Hold({vesk::kFaultRead});
+  std::thread reader([&] {
+    std::string bytes(100, '?');
+    std::size_t moved = 0;
+    const Status status = file.ReadAt(bytes.data(), 100, 300, &moved);
+    EXPECT_TRUE(status.ok() || status.error() == ESTALE || status.error() == ENOENT)
+        << status.Message();
+    if (status.ok()) {
+      EXPECT_EQ(bytes, FileWorld::Content(1000).substr(300, 100));
+    }
+  });
+  world_.script.AwaitHeld(1);
+  std::thread remover([&] { EXPECT_TRUE(Remove("a").ok()); });
+  world_.script.Heal();
+  remover.join();
+  reader.join();
+  World::Read(file, 0, 10, ESTALE);
+}
+
+}  // namespace
+}  // namespace vesk_test

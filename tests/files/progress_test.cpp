@@ -1,0 +1,289 @@
+// Every request makes progress, however small the memory and whatever the others do.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "runtime/random.h"
+#include "tests/files/file_world.h"
+#include "tests/support/null_logger.h"
+#include "tests/support/task.h"
+
+namespace vesk_test {
+namespace {
+
+using vesk::Advice;
+using vesk::FileHandle;
+using vesk::VeskJob;
+
+constexpr unsigned kPage = 4096;
+
+// A store that takes its time: transfers end one after the other, in an order of chance.
+class SlowStore {
+ public:
+  explicit SlowStore(ScriptedStore& store)
+      : store_(store), thread_([this] {
+          vesk::Random random(3);
+          while (!ending_) {
+            const std::size_t held = store_.held();
+            if (held == 0) {
+              std::this_thread::yield();
+            } else {
+              store_.EndOne(static_cast<int>(random.Next() % held), 0);
+            }
+          }
+        }) {
+    store.Hold({vesk::kFaultRead | vesk::kFaultWrite, "", 0, ~std::uint64_t{0}});
+  }
+  ~SlowStore() {
+    ending_ = true;
+    thread_.join();
+    store_.Heal();
+  }
+  SlowStore(const SlowStore&) = delete;
+  SlowStore& operator=(const SlowStore&) = delete;
+
+ private:
+  ScriptedStore& store_;
+  std::atomic<bool> ending_{false};
+  std::thread thread_;
+};
+
+// Eight threads, each at a place of its own of one file, which write there, read back what they
+// wrote, and read where others write.
+void ExpectProgress(std::uint64_t memory, unsigned block_size, unsigned requests) {
+  SCOPED_TRACE("memory of " + std::to_string(memory) + " bytes, blocks of " +
+               std::to_string(block_size));
+  constexpr std::uint64_t kPlace = 8 * kPage;
+  FileWorld world;
+  world.options.memory = memory;
+  world.options.block_size = block_size;
+  world.options.read_ahead = 4;
+  std::string content = FileWorld::Content(8 * kPlace);
+  world.Put("file", content);
+  FileHandle& file = world.Open("file");
+  std::atomic<unsigned> served{0};
+  {
+    const SlowStore slow(world.script);
+    std::vector<std::unique_ptr<Task>> tasks;
+    for (unsigned i = 0; i < 8; ++i) {
+      tasks.push_back(std::make_unique<Task>([&, i] {
+        vesk::Random random(i);
+        char* const mine = content.data() + i * kPlace;
+        for (unsigned k = 0; k < requests; ++k) {
+          const std::uint64_t at = random.Next() % (kPlace - 700);
+          const std::size_t length = 1 + random.Next() % 700;
+          if (i % 2 == 0) {
+            const std::string bytes(length, static_cast<char>('a' + k % 26));
+            FileWorld::Write(file, bytes, i * kPlace + at);
+            std::copy(bytes.begin(), bytes.end(), mine + at);
+          }
+          EXPECT_TRUE(FileWorld::Read(file, i * kPlace + at, length) ==
+                      std::string(mine + at, length));
+          EXPECT_EQ(FileWorld::Read(file, (i + 1) % 8 * kPlace + at, length).size(), length);
+          ++served;
+        }
+      }));
+    }
+    for (const auto& task : tasks) EXPECT_TRUE(task->Await()) << served << " rounds are done";
+  }
+  EXPECT_EQ(served, 8 * requests);
+  EXPECT_LE(world.files().memory_peak(), memory);
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_TRUE(world.Stored("file") == content);
+  // A request repeats for a bounded number of times: what it makes the store do is bounded, too.
+  const vesk::DispatcherStats stats = world.dispatcher().GetStats();
+  const std::uint64_t pieces = 701 / std::min<std::uint64_t>(memory, block_size) + 2;
+  EXPECT_LE(stats.reads.ended, std::uint64_t{8} * requests * 2 * pieces * 9);
+}
+
+TEST(ProgressTest, EightReadersAndWritersShareTwoBlocks) { ExpectProgress(2 * kPage, kPage, 30); }
+
+TEST(ProgressTest, EightReadersAndWritersShareOneBlock) { ExpectProgress(kPage, kPage, 20); }
+
+TEST(ProgressTest, EightReadersAndWritersShareLessThanAPage) {
+  ExpectProgress(1000, 64 * kPage, 10);
+  ExpectProgress(300, kPage, 10);
+}
+
+TEST(ProgressTest, OneByteOfMemoryIsEnough) {
+  FileWorld world;
+  world.options.memory = 1;
+  world.options.block_size = kPage;
+  world.options.read_ahead = 8;
+  world.Put("file", "0123456789");
+  FileHandle& file = world.Open("file");
+  Task task([&] {
+    EXPECT_EQ(FileWorld::Read(file, 0, 20), "0123456789");
+    FileWorld::Write(file, "abc", 8);
+    EXPECT_EQ(FileWorld::Read(file, 0, 20), "01234567abc");
+    EXPECT_TRUE(file.Sync().ok());
+  });
+  EXPECT_TRUE(task.Await());
+  EXPECT_EQ(world.Stored("file"), "01234567abc");
+  EXPECT_LE(world.files().memory_peak(), 1u);
+}
+
+// ---- a request that others overtake for ever ----
+
+// A transfer for which a thread waits is carried out by that thread, and `after` is called in it
+// then: after the end of the transfer, before the thread can look at what it has brought.
+class OvertakingStore final : public vesk::Decorator {
+ public:
+  explicit OvertakingStore(vesk::VeskBackend& inner) : Decorator(inner) {}
+
+  std::function<void()> after;
+
+  void Start(vesk::JobQueue& jobs) override {
+    while (!jobs.Empty()) {
+      VeskJob* const job = jobs.Pop();
+      if (holds_ && job->GetType() == vesk::JOB_TYPE_IO) {
+        ++started;
+        held_.Push(job);
+      } else {
+        inner().Run(job);
+      }
+    }
+  }
+  bool Withdraw(VeskJob* job) override {
+    if (!held_.Holds(job)) return false;
+    held_.Remove(job);
+    return true;
+  }
+  void Run(VeskJob* job) override {
+    const bool transfer = job->GetType() == vesk::JOB_TYPE_IO;
+    inner().Run(job);
+    if (transfer && after) after();
+  }
+
+  unsigned started = 0;
+
+  // What nobody waits for takes place, from now on.
+  void StopHolding() {
+    holds_ = false;
+    while (!held_.Empty()) inner().Run(held_.Pop());
+  }
+
+ private:
+  bool holds_ = true;
+  vesk::JobQueue held_;
+};
+
+// By one thread alone: it is overtaken by itself, from inside its waits.
+class OvertakingTest : public ::testing::Test {
+ protected:
+  OvertakingTest() {
+    settings_.refresh_interval = 60;
+    vesk::gEnv = &env_;
+    options_.block_size = kPage;
+    options_.read_ahead = 0;
+    options_.background = false;
+    files_ = std::make_unique<vesk::FileSystem>(vesk::Services{bundler_, vesk::Clock::System()},
+                                                names_, options_);
+    vesk::OpenOptions open;
+    open.write = open.create = true;
+    EXPECT_TRUE(files_->Open("file", open, &file_).ok());
+    EXPECT_TRUE(files_->Open("file", open, &other_).ok());
+    EXPECT_TRUE(file_->Truncate(8 * kPage).ok());
+  }
+  ~OvertakingTest() override {
+    store_.after = nullptr;
+    store_.StopHolding();
+    other_.reset();
+    file_.reset();
+    files_.reset();
+    vesk::gEnv = nullptr;
+  }
+
+  NullLogger logger_;
+  vesk::Settings settings_;
+  vesk::VeskEnv env_{nullptr, &logger_, &settings_};
+  vesk::MemoryBackend memory_;
+  OvertakingStore store_{memory_};
+  vesk::VeskBundler bundler_{store_};
+  vesk::Store names_{bundler_};
+  vesk::FileSystemOptions options_;
+  std::unique_ptr<vesk::FileSystem> files_;
+  std::unique_ptr<FileHandle> file_;
+  std::unique_ptr<FileHandle> other_;
+};
+
+// The page is fetched; before the writer comes to it, it is dropped and on its way again. Each
+// round leaves the writer where it was: there is nothing but the turn that could end this.
+TEST_F(OvertakingTest, AWriterTakesTheTurnWhenOthersFetchItsBlockAgainAndAgain) {
+  unsigned rounds = 0;
+  unsigned kept_out = 0;
+  store_.after = [&] {
+    const unsigned before = store_.started;
+    other_->Advise(Advice::kDontNeed, 0, kPage);
+    other_->Advise(Advice::kWillNeed, 0, kPage);
+    ++(store_.started > before ? rounds : kept_out);
+    ASSERT_LT(rounds, 100u) << "the writer is never served";
+  };
+  other_->Advise(Advice::kWillNeed, 0, kPage);
+  EXPECT_EQ(store_.started, 1u);
+  FileWorld::Write(*file_, "served", 0);
+  EXPECT_GE(rounds, 2u) << "it was not overtaken";
+  EXPECT_LE(rounds, 8u);
+  EXPECT_EQ(kept_out, 1u);
+  EXPECT_EQ(file_->GetStats().turns, 1u);
+}
+
+// A reader who has fetched a page finds it, whatever others advise meanwhile.
+TEST_F(OvertakingTest, ABlockThatAReaderWaitsForIsNotDropped) {
+  unsigned rounds = 0;
+  store_.after = [&] {
+    if (rounds >= 1000) return;  // the test fails, but it ends
+    ++rounds;
+    other_->Advise(Advice::kDontNeed, 0, kPage);
+  };
+  EXPECT_EQ(FileWorld::Read(*file_, 0, 10), std::string(10, '\0'));
+  EXPECT_EQ(rounds, 1u);
+  EXPECT_EQ(file_->GetStats().turns, 0u);
+}
+
+// Requests of others are kept out while the turn is taken, within their own limits.
+TEST_F(OvertakingTest, WhileTheTurnIsTakenOthersQueueWithinTheirDeadlines) {
+  std::vector<int> errors;
+  store_.after = [&] {
+    const vesk::RequestScope scope({vesk::Clock::System().Now(), nullptr});
+    std::size_t moved = 0;
+    char byte = 'x';
+    errors.push_back(other_->WriteAt(&byte, 1, 5 * kPage, &moved).error());
+    if (errors.size() > 100) return;
+    other_->Advise(Advice::kDontNeed, 0, kPage);
+    other_->Advise(Advice::kWillNeed, 0, kPage);
+  };
+  other_->Advise(Advice::kWillNeed, 0, kPage);
+  FileWorld::Write(*file_, "served", 0);
+  ASSERT_GE(errors.size(), 3u);
+  for (std::size_t i = 0; i + 1 < errors.size(); ++i) EXPECT_EQ(errors[i], 0) << i;
+  EXPECT_EQ(errors.back(), ETIMEDOUT);
+  store_.after = nullptr;
+  FileWorld::Write(*other_, "y", 5 * kPage);  // the turn has been given back
+  EXPECT_EQ(file_->GetStats().turns, 1u);
+}
+
+// A request that cannot be served in time leaves the file to others.
+TEST_F(OvertakingTest, ARequestThatEndsWithItsDeadlineKeepsNothing) {
+  other_->Advise(Advice::kWillNeed, 0, kPage);
+  {
+    const vesk::RequestScope scope(
+        {vesk::Clock::System().Now() + std::chrono::milliseconds(30), nullptr});
+    FileWorld::Write(*file_, "late", 0, ETIMEDOUT);  // nobody carries the fetch out
+  }
+  store_.StopHolding();
+  FileWorld::Write(*file_, "served", 0);
+  EXPECT_EQ(FileWorld::Read(*other_, 0, 6), "served");
+}
+
+}  // namespace
+}  // namespace vesk_test
