@@ -149,9 +149,10 @@ void FileHandle::Advise(Advice advice, std::uint64_t offset, std::uint64_t lengt
 
 Outcome FileHandle::Private::Close() {
   Outcome outcome;
-  do {
+  for (int tries = 0; tries < 3; ++tries) {
     outcome = WithMemory([&] { return files.Close(*node, &seen); });
-  } while (outcome.write_back && discarded);  // what was given up is no news
+    if (!outcome.write_back || !discarded) break;  // what was given up is no news
+  }
   closed = outcome.error == 0;
   return outcome;
 }

@@ -133,7 +133,7 @@ std::shared_ptr<Node> FileSystem::Private::Attach(const std::string& name, const
   const MutexLock guard(mutex_);
   std::shared_ptr<Node> node = Find(name, info);
   if (node == nullptr) {
-    if (looked_at != closed_) return nullptr;
+    if (renaming_ || looked_at != closed_) return nullptr;
     node = std::make_shared<Node>(services, store, memory, dirty, options, name, info);
     nodes_.push_back(node);
   }
@@ -157,6 +157,7 @@ Status FileSystem::Private::Open(const std::string& name, const OpenOptions& ope
   }
   std::shared_ptr<Node> node;
   for (OpenOptions how = open; node == nullptr; how.exclusive = false) {
+    if (const int error = names_.Pass()) return {error, what};
     const std::uint64_t closed = ClosedSoFar();
     FileInfo info;
     if (const int error = Examine(name, how, &info)) return {error, what};
@@ -195,7 +196,7 @@ Outcome FileSystem::Private::Close(Node& node, WriteFailures::Seen* seen) {
 }
 
 void FileSystem::Private::Drop(const Node& node) {
-  ++closed_;
+  if (node.written()) ++closed_;
   nodes_.erase(std::find_if(nodes_.begin(), nodes_.end(),
                             [&node](const auto& other) { return other.get() == &node; }));
 }
@@ -247,6 +248,25 @@ int FileSystem::Private::OtherName(const Node& node, const std::string& gone, st
   return 0;
 }
 
+// While one lives, names change: a file that was looked at before its end is looked at again before
+// it is taken into the table.
+class FileSystem::Private::Renaming {
+ public:
+  explicit Renaming(Private& files) : files_(files) { Set(true); }
+  ~Renaming() { Set(false); }
+  Renaming(const Renaming&) = delete;
+  Renaming& operator=(const Renaming&) = delete;
+
+ private:
+  void Set(bool renaming) {
+    const MutexLock guard(files_.mutex_);
+    files_.renaming_ = renaming;
+    ++files_.closed_;
+  }
+
+  Private& files_;
+};
+
 // A file that is about to lose a name. What is on its way under that name must have arrived before:
 // afterwards the name may be another file's.
 class FileSystem::Private::Losing {
@@ -297,6 +317,7 @@ Status FileSystem::Private::Rename(const std::string& from, const std::string& t
   // One at a time: two that hold one file each could wait for the other's.
   Turn::Holder turn(names_);
   if (const int error = turn.Take(&turn)) return {error, what};
+  const Renaming renaming(*this);
   std::shared_ptr<Node> node;
   std::shared_ptr<Node> replaced;
   if (const int error = FindOpen(from, &node)) return {error, what};
@@ -323,6 +344,7 @@ Status FileSystem::Private::Remove(const std::string& name) {
   const std::string what = "removal of '" + name + "'";
   Turn::Holder turn(names_);
   if (const int error = turn.Take(&turn)) return {error, what};
+  const Renaming renaming(*this);
   std::shared_ptr<Node> node;
   if (const int error = FindOpen(name, &node)) return {error, what};
   Losing losing(*this, std::move(node), name);

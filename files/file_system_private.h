@@ -56,12 +56,16 @@ struct FileSystem::Private {
   bool NothingInFlight() const;
 
   class Losing;
+  class Renaming;
 
   Turn names_;  // of Rename and Remove; taken before a file's
   mutable Mutex mutex_;
   std::vector<std::shared_ptr<Node>> nodes_ VESK_GUARDED_BY(mutex_);
-  std::uint64_t closed_ VESK_GUARDED_BY(mutex_) = 0;  // files that have left the table
-  std::unique_ptr<Ticker> ticker_;                    // last: it uses all of the others
+  bool renaming_ VESK_GUARDED_BY(mutex_) = false;
+  // Times that what a Stat has told may have become wrong: a written file has left the table, or
+  // names have changed.
+  std::uint64_t closed_ VESK_GUARDED_BY(mutex_) = 0;
+  std::unique_ptr<Ticker> ticker_;  // last: it uses all of the others
 };
 
 }  // namespace vesk

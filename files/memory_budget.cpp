@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "runtime/request.h"
 
@@ -25,7 +26,7 @@ bool MemoryBudget::Reservation::TryReserve(std::uint64_t bytes) {
 
 void MemoryBudget::Reservation::TakeUpTo(std::uint64_t bytes) {
   std::uint64_t ignored = 0;
-  for (; bytes > 0; bytes /= 2) {
+  for (; bytes > 0 && budget_.waiting_.load() == 0; bytes /= 2) {
     const bool taken =
         budget_.TryTake(bytes) || (budget_.EvictFor(bytes, &ignored) && budget_.TryTake(bytes));
     if (!taken) continue;
@@ -50,6 +51,18 @@ void MemoryBudget::Add(Source& source) {
   const MutexLock guard(mutex_);
   source.key_ = Stamp();
   by_age_.emplace(source.key_, &source);
+}
+
+void MemoryBudget::Lower(Source& source, std::uint64_t stamp) {
+  const MutexLock guard(mutex_);
+  if (source.evicting_) {
+    source.lower_ = std::min(source.lower_, stamp);
+    return;
+  }
+  auto node = by_age_.extract({source.key_, &source});
+  source.key_ = std::min(source.key_, stamp);
+  node.value().first = source.key_;
+  by_age_.insert(std::move(node));
 }
 
 void MemoryBudget::Remove(Source& source) {
@@ -153,6 +166,7 @@ bool MemoryBudget::EvictFor(std::uint64_t bytes, std::uint64_t* changes) {
     source.evicting_ = false;
     if (left.freed == 0) ++in_vain;
     source.key_ = left.oldest != kNoBlock ? left.oldest : (stamp_.fetch_add(1) + 1) * kTicks;
+    source.key_ = std::min(source.key_, std::exchange(source.lower_, kNoBlock));
     node.value().first = source.key_;
     by_age_.insert(std::move(node));
     ++changes_;  // whoever looked meanwhile did not see the source

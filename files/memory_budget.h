@@ -49,8 +49,10 @@ class MemoryBudget {
 
    private:
     friend class MemoryBudget;
-    std::uint64_t key_ = 0;  // its place in by_age_; both guarded by the budget's mutex
-    bool evicting_ = false;
+    // Guarded by the budget's mutex.
+    std::uint64_t key_ = 0;           // its place in by_age_
+    std::uint64_t lower_ = kNoBlock;  // at most that, when it is put back
+    bool evicting_ = false;           // it is not in by_age_
   };
 
   // Memory that is reserved and not used yet; given back at the end of its life.
@@ -89,6 +91,8 @@ class MemoryBudget {
 
   //   Ends in  std::bad_alloc
   void Add(Source& source);
+  // The source has got blocks, the oldest of which was used at `stamp`.
+  void Lower(Source& source, std::uint64_t stamp);
   // Returns when the source is not being evicted from.
   void Remove(Source& source);
 

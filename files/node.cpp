@@ -64,14 +64,19 @@ Node::Node(const Services& services, Store& store, MemoryBudget& memory, DirtyLi
       name_(name),
       known_(info) {
   core_.size = core_.stored_size = info.size;
-  Range* const range = NewRange();
-  range->Open(name);
-  range->SetBounds(0, kNoEnd);
-  {
-    const MutexLock guard(mutex_);
-    ranges_.emplace(0, range);
+  try {
+    Range* const range = NewRange();
+    range->Open(name);
+    range->SetBounds(0, kNoEnd);
+    {
+      const MutexLock guard(mutex_);
+      ranges_.emplace(0, range);
+    }
+    if (services_.reaper != nullptr) services_.reaper->Add(name, *this);
+  } catch (...) {
+    LeaveBudget();
+    throw;
   }
-  if (services_.reaper != nullptr) services_.reaper->Add(name, *this);
 }
 
 Node::~Node() {
@@ -120,10 +125,10 @@ Range* Node::NewRange() {
     }
   }
   auto range = std::make_unique<Range>(core_, static_cast<RangeOwner&>(*this));
-  std::map<std::uint64_t, Range*> entry{{0, range.get()}};
-  range->entry = entry.extract(entry.begin());
   const MutexLock guard(mutex_);
   try {
+    std::map<std::uint64_t, Range*> entry{{0, range.get()}};
+    range->entry = entry.extract(entry.begin());
     all_.reserve(all_.size() + 1);
     spare_.reserve(all_.size() + 1);
   } catch (...) {
@@ -158,7 +163,9 @@ void Node::Divide(Range& range, std::uint64_t at) {
   const std::uint64_t end = range.end();
   range.SetEnd(divided.at);
   upper->SetBounds(divided.at, end);
+  if (divided.ceased) range.entry = active_.extract(range.begin());
   if (divided.upper_active) Activate(*upper);
+  core_.memory.Lower(*upper, divided.oldest);
 }
 
 // A full range ends before `offset`, which would have a new block, from now on.
@@ -276,7 +283,7 @@ Node::Next Node::TryIn(std::uint64_t offset, Piece& piece, Request& request) {
     if (!range.Covers(offset)) continue;  // divided or retired in between
     range.Collect();
     if (turn_.IsTakenFrom(request.who)) return Next::kPass;
-    if (core_.broken) return Next::kRepeat;
+    if (core_.broken || removed_) return Next::kRepeat;
     if (DividedBefore(range, offset)) continue;
     const Next next = piece.Try(range, request);
     // After a wait the range may be another one's, or somebody may have the turn.
@@ -659,7 +666,7 @@ Outcome Node::Append(const unsigned char* source, std::size_t length, std::uint6
 void Node::StartWrites(Clock::Time before, bool asked_for) {
   ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
     range.Collect();
-    if (!core_.broken && !stopped_) range.StartWrites(before, asked_for);
+    if (!core_.broken && !stopped_ && !removed_) range.StartWrites(before, asked_for);
   });
 }
 
@@ -690,7 +697,8 @@ Outcome Node::AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen) {
   if (news != 0) return {news, true};
   for (VeskJob* const job : jobs.jobs()) {
     const bool ended = job->GetJobState() == JOB_STATE_DONE;
-    if (ended && Failed(job->GetReturnValue())) return {job->GetReturnValue(), true};
+    const bool write = job->GetOP().GetOpcode() == OPCODE_WRITE;  // a read's error is its reader's
+    if (ended && write && Failed(job->GetReturnValue())) return {job->GetReturnValue(), true};
     if (!ended && limit != 0) return {limit, false};
     if (!ended) return {failures.last_error(), true};
   }
@@ -827,7 +835,9 @@ void Node::SetName(const std::string& name) {
 
 void Node::SetRemoved() {
   removed_ = true;
+  if (services_.reaper != nullptr) services_.reaper->Remove(*this);  // its name may be another's
   Discard();
+  core_.failures.Clear();
 }
 
 // ---- the runtime's calls ----
@@ -873,7 +883,8 @@ void Node::CheckFreshness() {
   }
   try {
     Look();
-  } catch (const std::bad_alloc&) {  // then it is not known, and the next request looks again
+  } catch (const std::bad_alloc&) {
+    core_.suspicious = true;  // it is not known, and the next request looks again
   }
   const MutexLock guard(mutex_);
   checking_ = asking_ = false;
@@ -911,46 +922,48 @@ void Node::Learn(int error, const FileInfo& info, bool quiet, std::uint64_t writ
     if (options_.when_unknown == UnknownPolicy::kServe) RenewAll();
     return;
   }
-  bool changed = false;
-  {
-    const MutexLock guard(mutex_);
-    const bool same = info.size == known_.size && info.modified_ns == known_.modified_ns;
-    changed = info.device != known_.device || info.inode != known_.inode ||
-              (quiet && (writes != known_writes_ ? info.size != core_.stored_size : !same));
-    if (quiet) {
-      known_ = info;
-      known_writes_ = writes;
-    }
-  }
-  if (changed || was_unsure) Forget(info, writes);
-  freshness_ = changed ? Freshness::kChanged : Freshness::kKnown;
-}
-
-// Somebody else may have changed the store's file: what is clean is fetched again. Its size holds
-// unless we have written since.
-void Node::Forget(const FileInfo& info, std::uint64_t writes) {
-  const Quiet quiet(*this, Quiet::What::kAsItIs);
-  if (quiet.outcome().error != 0) {
-    core_.suspicious = true;
+  const bool changed = IsChanged(info, quiet, writes);
+  if ((changed || was_unsure) && !Forget(info, writes)) {
+    core_.suspicious = true;  // to be found once more
     return;
   }
+  freshness_ = changed ? Freshness::kChanged : Freshness::kKnown;
+  const MutexLock guard(mutex_);
+  if (quiet) {
+    known_ = info;
+    known_writes_ = writes;
+  } else {
+    known_.device = info.device;
+    known_.inode = info.inode;
+  }
+}
+
+bool Node::IsChanged(const FileInfo& info, bool quiet, std::uint64_t writes) const {
+  const MutexLock guard(mutex_);
+  if (info.device != known_.device || info.inode != known_.inode) return true;
+  if (!quiet) return false;
+  if (writes != known_writes_) return info.size != core_.stored_size;
+  return info.size != known_.size || info.modified_ns != known_.modified_ns;
+}
+
+// Somebody else may have changed the store's file: what is clean is fetched again. False: it could
+// not be done now. The size holds unless we have written since.
+bool Node::Forget(const FileInfo& info, std::uint64_t writes) {
+  const Quiet quiet(*this, Quiet::What::kAsItIs);
+  if (quiet.outcome().error != 0) return false;
   std::uint64_t size = info.size;
   for (Range* const range : RangesFrom(0)) {
     const RangeLock guard(range->lock);
     if (range->end() == 0 || core_.broken) continue;
     range->Collect();
-    if (core_.broken) return;
+    if (core_.broken) return true;
     range->Forget();
     size = std::max(size, range->DirtyEnd());
   }
-  if (core_.own_writes != writes) {
-    core_.suspicious = true;
-    const MutexLock guard(mutex_);
-    known_.modified_ns = -1;  // to be found changed once more
-    return;
-  }
+  if (core_.own_writes != writes) return false;
   core_.stored_size = info.size;
   core_.size = size;
+  return true;
 }
 
 void Node::RenewAll() {

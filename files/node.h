@@ -109,6 +109,7 @@ class Node final : private CachedFile, private RangeOwner {
   std::uint64_t size() const { return core_.size; }
   bool broken() const { return core_.broken; }
   bool removed() const { return removed_; }
+  bool written() const { return core_.own_writes > 0; }
   bool idle() const { return core_.dirty == 0 && core_.in_flight == 0; }
   std::uint64_t dirty() const { return core_.dirty; }
   std::uint64_t in_flight() const { return core_.in_flight; }
@@ -215,7 +216,8 @@ class Node final : private CachedFile, private RangeOwner {
   void CheckFreshness();
   void Look();
   void Learn(int error, const FileInfo& info, bool quiet, std::uint64_t writes);
-  void Forget(const FileInfo& info, std::uint64_t writes);
+  bool IsChanged(const FileInfo& info, bool quiet, std::uint64_t writes) const;
+  bool Forget(const FileInfo& info, std::uint64_t writes);
   void RenewAll();
 
   const Services services_;

@@ -172,9 +172,9 @@ Range::Divided Range::DivideInto(Range& upper, std::uint64_t at) {
   }
   const auto moved = std::find_if(uses_.begin(), uses_.end(),
                                   [divide](const Use& use) { return use.off >= divide; });
-  const bool active =
-      HandOver(upper, std::move(stream), static_cast<std::size_t>(moved - uses_.begin()));
-  return {divide, active};
+  const bool was_active = sums_.IsActive();
+  HandOver(upper, std::move(stream), static_cast<std::size_t>(moved - uses_.begin()));
+  return Summary(upper, divide, was_active);
 }
 
 void Range::Prepare(Range& upper, std::size_t blocks) VESK_NO_THREAD_SAFETY_ANALYSIS {
@@ -182,18 +182,23 @@ void Range::Prepare(Range& upper, std::size_t blocks) VESK_NO_THREAD_SAFETY_ANAL
 }
 
 // The blocks have a new owner, and so has their account.
-bool Range::HandOver(Range& upper, std::unique_ptr<VeskStream> stream,
+void Range::HandOver(Range& upper, std::unique_ptr<VeskStream> stream,
                      std::size_t index) VESK_NO_THREAD_SAFETY_ANALYSIS {
   upper.stream_ = std::move(stream);
   upper.uses_.assign(uses_.begin() + static_cast<std::ptrdiff_t>(index), uses_.end());
   uses_.erase(uses_.begin() + static_cast<std::ptrdiff_t>(index), uses_.end());
   upper.sums_ = upper.SumUp();
-  const bool was_active = sums_.IsActive();
   sums_ = SumUp();
-  if (was_active && !sums_.IsActive()) owner_.SetActive(*this, false);
   upper.Recover();
   Recover();
-  return upper.sums_.IsActive();
+}
+
+Range::Divided Range::Summary(const Range& upper, std::uint64_t at,
+                              bool was_active) const VESK_NO_THREAD_SAFETY_ANALYSIS {
+  Divided divided{at, upper.sums_.IsActive(), was_active && !sums_.IsActive(),
+                  MemoryBudget::kNoBlock};
+  for (const Use& use : upper.uses_) divided.oldest = std::min(divided.oldest, use.stamp);
+  return divided;
 }
 
 bool Range::Close() {

@@ -159,7 +159,9 @@ class Range final : public MemoryBudget::Source {
   // Hands the blocks from `at` on to `upper`, which is not in use.
   struct Divided {
     std::uint64_t at = 0;       // or above; 0: the stream refused, or `at` was within a block
-    bool upper_active = false;  // SetActive is not called for it
+    bool upper_active = false;  // SetActive is not called for either
+    bool ceased = false;        // the lower one was active and is no more
+    std::uint64_t oldest = 0;   // stamp of the oldest block that has moved
   };
   Divided DivideInto(Range& upper, std::uint64_t at) VESK_REQUIRES(lock);
 
@@ -306,8 +308,9 @@ class Range final : public MemoryBudget::Source {
   void Account(MemoryBudget::Reservation& memory, DirtyLimit::Room& room) VESK_REQUIRES(lock);
   std::unique_ptr<VeskStream> NewStream(const std::string& name) const;
   static void Prepare(Range& upper, std::size_t blocks);
-  bool HandOver(Range& upper, std::unique_ptr<VeskStream> stream, std::size_t index)
+  void HandOver(Range& upper, std::unique_ptr<VeskStream> stream, std::size_t index)
       VESK_REQUIRES(lock);
+  Divided Summary(const Range& upper, std::uint64_t at, bool was_active) const VESK_REQUIRES(lock);
 
   FileCore& core_;
   RangeOwner& owner_;

@@ -50,6 +50,7 @@ class WriteFailures {
   // write was told before.
   void Ended(std::uint64_t offset, int error);
   void Succeeded(std::uint64_t offset);
+  void Clear();  // nothing fails any more
 
   // A failure that belongs to no block: a sync's.
   void Note(int error);
