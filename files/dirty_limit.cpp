@@ -6,6 +6,13 @@
 
 namespace vesk {
 
+namespace {
+
+// Between two calls for writing out while a writer waits.
+constexpr Clock::Duration kAgain = std::chrono::milliseconds(100);
+
+}  // namespace
+
 bool DirtyLimit::Room::TryAdmit(std::uint64_t bytes) {
   if (bytes <= bytes_) return true;
   if (!limit_.Take(bytes - bytes_, limit_.soft_)) return false;
@@ -76,8 +83,8 @@ int DirtyLimit::Wait(std::uint64_t bytes) {
       guard.Lock();
       continue;
     }
-    error = RequestScope::Wait(less_, mutex_, clock_, paused ? Clock::kNever : go_on);
-    pressed = false;  // what others made dirty meanwhile is to be written as well
+    error = RequestScope::Wait(less_, mutex_, clock_, paused ? clock_.Now() + kAgain : go_on);
+    pressed = false;  // what others made dirty meanwhile, or has failed, is to be written as well
   }
   waiting_.fetch_sub(1);
   throttled_.fetch_add(1, std::memory_order_relaxed);

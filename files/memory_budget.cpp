@@ -8,6 +8,13 @@
 
 namespace vesk {
 
+namespace {
+
+// Between two calls for writing out while a request waits: a write may have failed meanwhile.
+constexpr Clock::Duration kAgain = std::chrono::milliseconds(100);
+
+}  // namespace
+
 int MemoryBudget::Reservation::Reserve(std::uint64_t bytes) {
   if (bytes <= bytes_) return 0;
   if (TryReserve(bytes)) return 0;
@@ -135,7 +142,7 @@ int MemoryBudget::Take(std::uint64_t bytes) {
         continue;
       }
     }
-    error = RequestScope::Wait(changed_, mutex_, clock_);
+    error = RequestScope::Wait(changed_, mutex_, clock_, clock_.Now() + kAgain);
   }
   link = &first_;
   while (*link != &self) link = &(*link)->next;

@@ -676,9 +676,10 @@ void Node::ListJobs(bool reads, JobList* jobs) const {
 
 // Waits for each job, within the limits, but for no longer than until a write-back fails: a parked
 // one does not end. A success means that all have ended well.
-Outcome Node::AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen) {
+// `before` is the count of failures when the writes were started: one that came since may have been
+// a job's that is not in the list any more, and told to another thread that uses the same handle.
+Outcome Node::AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen, std::uint64_t before) {
   WriteFailures& failures = core_.failures;
-  const std::uint64_t before = failures.count();
   const auto is_news = [&] {
     return failures.count() != before || (seen != nullptr && failures.HasNews(*seen));
   };
@@ -695,6 +696,7 @@ Outcome Node::AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen) {
   const int news = seen != nullptr ? failures.TakeNews(seen) : 0;
   if (core_.broken) return {EIO, false};
   if (news != 0) return {news, true};
+  if (failures.count() != before) return {failures.last_error(), true};
   for (VeskJob* const job : jobs.jobs()) {
     const bool ended = job->GetJobState() == JOB_STATE_DONE;
     const bool write = job->GetOP().GetOpcode() == OPCODE_WRITE;  // a read's error is its reader's
@@ -708,10 +710,11 @@ Outcome Node::AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen) {
 Outcome Node::Drain(WriteFailures::Seen* seen) {
   if (core_.broken) return {EIO, false};
   if (removed_) return {};
+  const std::uint64_t before = core_.failures.count();
   StartWrites();
   JobList jobs;
   ListJobs(false, &jobs);
-  return AwaitJobs(jobs, seen);
+  return AwaitJobs(jobs, seen, before);
 }
 
 // Under the turn: nothing new comes, so the rounds end.
@@ -725,7 +728,7 @@ Outcome Node::DrainAll() {
     JobList jobs;
     ListJobs(true, &jobs);
     if (jobs.jobs().empty() && idle()) return {};
-    const Outcome outcome = AwaitJobs(jobs, nullptr);
+    const Outcome outcome = AwaitJobs(jobs, nullptr, before);
     if (outcome.write_back || core_.broken) return outcome;
     if (const int error = RequestScope::Exceeded(services_.clock)) return {error, false};
   }
@@ -740,7 +743,7 @@ Outcome Node::StopAll() {
     JobList jobs;
     ListJobs(true, &jobs);
     if (jobs.jobs().empty() && in_flight() == 0) return {};
-    (void)AwaitJobs(jobs, nullptr);
+    (void)AwaitJobs(jobs, nullptr, core_.failures.count());
     if (const int error = RequestScope::Exceeded(services_.clock)) return {error, false};
   }
 }

@@ -200,7 +200,7 @@ class Node final : private CachedFile, private RangeOwner {
   void Barrier(std::uint64_t from);
   void StartWrites(Clock::Time before, bool asked_for);
   void ListJobs(bool reads, JobList* jobs) const;
-  Outcome AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen);
+  Outcome AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen, std::uint64_t before);
   Outcome DrainAll();
   Outcome StopAll();
   template <typename Work>

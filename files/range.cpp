@@ -21,7 +21,7 @@ namespace {
 constexpr std::uint64_t kPage = 4096;
 
 // Between two tries of a write that has failed, but for those that somebody asks for.
-constexpr Clock::Duration kRest = std::chrono::milliseconds(200);
+constexpr Clock::Duration kRest = std::chrono::milliseconds(50);
 
 // More than a stream can hold: it never drops a block of its own accord.
 constexpr unsigned int kAnyNumber = std::numeric_limits<unsigned int>::max();

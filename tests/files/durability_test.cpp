@@ -55,6 +55,34 @@ INSTANTIATE_TEST_SUITE_P(Writes, DurabilityTest,
                            return kind.param == FileWorld::Kind::kMemory ? "KeptBelow" : "ComeBack";
                          });
 
+// ---- what a success is about ----
+
+TEST_P(DurabilityTest, SeveralSyncsOfOneHandleAllSayThatAFailingWriteIsNotStored) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Fail({vesk::kFaultWrite}, EIO);
+  World::Write(file, "abc", 0);
+  std::atomic<int> successes{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      if (Sync(file) == 0) ++successes;
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(successes, 0);
+  world_.script.Heal();
+  ExpectRecovery(file, "abc");
+}
+
+TEST_P(DurabilityTest, AFailingReadAheadIsNoFailedWriteBack) {
+  world_.Put("a", World::Content(10 * kBlock));
+  FileHandle& file = world_.Open("a");
+  world_.script.Fail({vesk::kFaultRead}, ENXIO);
+  file.Advise(vesk::Advice::kWillNeed, 0, 10 * kBlock);
+  const Status closed = file.Close();
+  EXPECT_TRUE(closed.ok()) << closed.Message();
+}
+
 // ---- what a success means ----
 
 TEST_P(DurabilityTest, AWriteAloneReachesNoStore) {

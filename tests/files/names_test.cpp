@@ -333,6 +333,21 @@ TEST_P(NamesTest, TheHandlesOfARemovedFileAreStaleAndItsNameIsFree) {
   EXPECT_EQ(world_.files().memory_used(), 0u);
 }
 
+TEST_P(NamesTest, ARemovedFileHearsNothingOfItsSuccessor) {
+  FileHandle& file = Open("a");
+  EXPECT_TRUE(Remove("a").ok());
+  FileHandle& successor = Open("a");
+  world_.script.Fail({vesk::kFaultWrite, Path("a")}, EIO);
+  World::Write(successor, "kept", 0);
+  (void)successor.Flush();  // it may fail at once
+  EXPECT_TRUE(FileWorld::Await([&] { return successor.GetStats().last_error != 0; }));
+  const Status closed = file.Close();
+  EXPECT_TRUE(closed.ok()) << closed.Message();
+  world_.script.Heal();
+  EXPECT_TRUE(FileWorld::Await([&] { return successor.Close().ok(); }));
+  EXPECT_EQ(Stored("a"), "kept");
+}
+
 TEST_P(NamesTest, AFailedRemovalLeavesTheFile) {
   FileHandle& file = Open("a");
   World::Write(file, "dirty", 0);
