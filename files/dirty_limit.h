@@ -57,7 +57,6 @@ class DirtyLimit {
   void Sub(std::uint64_t bytes);
 
   bool AboveSoft() const { return total_.load(std::memory_order_relaxed) > soft_; }
-  std::uint64_t hard() const { return hard_; }
 
   std::uint64_t throttled() const { return throttled_.load(std::memory_order_relaxed); }
   Clock::Duration throttled_time() const {

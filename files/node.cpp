@@ -26,8 +26,6 @@ constexpr std::size_t kMaxPiece = 1u << 30;
 // Times that a request repeats before it takes the file's turn.
 constexpr unsigned kPatience = 8;
 
-constexpr std::uint64_t kPage = 4096;
-
 unsigned Log2(std::uint64_t value) {
   unsigned bits = 0;
   while (value > 1) {
@@ -429,7 +427,7 @@ class Node::ReadPiece final : public Node::Piece {
   void Plan() {
     planned_ = true;
     const std::uint64_t size = node_.core_.size;
-    const std::uint64_t page = std::min<std::uint64_t>(kPage, node_.core_.block_size);
+    const std::uint64_t page = std::min<std::uint64_t>(Range::kPage, node_.core_.block_size);
     const std::uint64_t end = std::min(size, offset_ + length_);
     from_ = offset_ / page * page;
     to_ = std::min(size, (end + page - 1) / page * page);

@@ -17,9 +17,6 @@ namespace vesk {
 
 namespace {
 
-// Blocks for single small requests are made of whole pages.
-constexpr std::uint64_t kPage = 4096;
-
 // Between two tries of a write that has failed, but for those that somebody asks for.
 constexpr Clock::Duration kRest = std::chrono::milliseconds(50);
 
@@ -96,11 +93,6 @@ JobList::~JobList() {
 void JobList::Add(VeskJob* job) {
   jobs_.push_back(job);
   job->RefCountInc();
-}
-
-bool JobList::AllEnded() const {
-  return std::all_of(jobs_.begin(), jobs_.end(),
-                     [](VeskJob* job) { return job->GetJobState() == JOB_STATE_DONE; });
 }
 
 using RangeLock = Holding<VeskLock>;

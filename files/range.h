@@ -95,7 +95,6 @@ class JobList {
 
   void Add(VeskJob* job);
   const std::vector<VeskJob*>& jobs() const { return jobs_; }
-  bool AllEnded() const;
 
  private:
   std::vector<VeskJob*> jobs_;
@@ -127,6 +126,9 @@ class RangeOwner {
 //   Threads  any, under `lock` where that is said. A range that is not in use covers nothing
 class Range final : public MemoryBudget::Source {
  public:
+  // Bytes that blocks for single small requests are made of.
+  static constexpr std::uint64_t kPage = 4096;
+
   // Blocks above which a range is divided: requests walk over all that lie before theirs.
   static constexpr std::size_t kMaxBlocks = 16;
 
