@@ -158,7 +158,7 @@ TEST_P(DurabilityTest, EachHandleOpenAtTheTimeIsToldOnceByItsNextSyncFlushOrClos
   FileHandle& closes = world_.Open("a", {});
   World::Write(writer, "bytes", 0);
   world_.script.Fail({vesk::kFaultWrite}, ENOSPC);
-  EXPECT_TRUE(writer.Flush().ok() || GetParam() == FileWorld::Kind::kMemory);
+  (void)writer.Flush();  // whether it meets the failure that it starts is a matter of time
   AwaitFailure(writer);
   FileHandle& later = world_.Open("a");
 
@@ -170,7 +170,7 @@ TEST_P(DurabilityTest, EachHandleOpenAtTheTimeIsToldOnceByItsNextSyncFlushOrClos
   EXPECT_NE(close.context().find("5 bytes not in the store"), std::string::npos) << close.context();
 
   world_.script.Heal();
-  EXPECT_TRUE(FileWorld::Await([&] { return writer.GetStats().dirty == 0 || Sync(later) == 0; }));
+  EXPECT_TRUE(FileWorld::Await([&] { return Sync(later) == 0; }));
   EXPECT_EQ(Sync(later), 0) << "it was not open at the time";
   for (FileHandle* const told : {&syncs, &flushes, &closes}) {
     // Each of the three above began the write anew, which failed anew.
