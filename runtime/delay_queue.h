@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <functional>
 #include <limits>
-#include <thread>
 
 #include "runtime/clock.h"
 #include "runtime/job_queue.h"
+#include "runtime/thread.h"
 
 namespace vesk {
 
@@ -46,7 +46,7 @@ class DelayQueue {
   Condition changed_;
   JobQueue jobs_ VESK_GUARDED_BY(mutex_);  // by time
   bool ending_ VESK_GUARDED_BY(mutex_) = false;
-  std::thread thread_;
+  Thread thread_;
 };
 
 }  // namespace vesk

@@ -4,6 +4,7 @@
 #define RUNTIME_PLUG_H_
 
 #include "runtime/job_queue.h"
+#include "runtime/thread.h"
 
 namespace vesk {
 
@@ -16,10 +17,7 @@ namespace vesk {
 class Plug {
  public:
   // The calling thread's.
-  static Plug& OfThisThread() {
-    static thread_local Plug plug;
-    return plug;
-  }
+  static Plug& OfThisThread() { return vesk::OfThisThread<Plug>(); }
 
   bool HoldsBack() const { return locks_held_ > 0; }
   void Add(VeskJob* job) { jobs_.Push(job); }

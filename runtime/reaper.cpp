@@ -38,7 +38,7 @@ void Reaper::EndThreads() {
     ending_ = true;
     pthread_cond_broadcast(&pool_.tp_cond);
   }
-  for (std::thread& thread : threads_) thread.join();
+  for (Thread& thread : threads_) thread.join();
 }
 
 void Reaper::Add(const std::string& name, CachedFile& file) {

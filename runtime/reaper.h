@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "runtime/thread.h"
 #include "runtime/write_failure.h"
 #include "vesk/VeskMutex.h"
 #include "vesk/VeskThreadPool.h"
@@ -95,7 +95,7 @@ class Reaper {
   Files files_ VESK_GUARDED_BY(mutex_);
   std::uint64_t looks_ VESK_GUARDED_BY(mutex_) = 0;
 
-  std::vector<std::thread> threads_;
+  std::vector<Thread> threads_;
 };
 
 }  // namespace vesk

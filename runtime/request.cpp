@@ -3,15 +3,23 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "runtime/thread.h"
 #include "vesk/VeskJob.h"
 
 namespace vesk {
 
 namespace {
 
-thread_local const RequestLimits* current = nullptr;
+struct Current {
+  const RequestLimits* limits = nullptr;
+};
 
-CancelToken* CurrentToken() { return current == nullptr ? nullptr : current->cancel; }
+const RequestLimits*& CurrentLimits() { return OfThisThread<Current>().limits; }
+
+CancelToken* CurrentToken() {
+  const RequestLimits* const current = CurrentLimits();
+  return current == nullptr ? nullptr : current->cancel;
+}
 
 }  // namespace
 
@@ -62,20 +70,21 @@ void CancelToken::Wait(VeskJob& job, Clock& clock, Clock::Time deadline) {
   Unlink(self);
 }
 
-RequestScope::RequestScope(const RequestLimits& limits) : limits_(limits), outer_(current) {
+RequestScope::RequestScope(const RequestLimits& limits) : limits_(limits), outer_(CurrentLimits()) {
   if (outer_ != nullptr) {
     limits_.deadline = std::min(limits_.deadline, outer_->deadline);
     if (limits_.cancel == nullptr) limits_.cancel = outer_->cancel;
   }
   const bool unlimited = limits_.deadline == Clock::kNever && limits_.cancel == nullptr;
-  current = unlimited ? nullptr : &limits_;
+  CurrentLimits() = unlimited ? nullptr : &limits_;
 }
 
-RequestScope::~RequestScope() { current = outer_; }
+RequestScope::~RequestScope() { CurrentLimits() = outer_; }
 
-const RequestLimits* RequestScope::Current() { return current; }
+const RequestLimits* RequestScope::Current() { return CurrentLimits(); }
 
 int RequestScope::Exceeded(Clock& clock) {
+  const RequestLimits* const current = CurrentLimits();
   if (current == nullptr) return 0;
   if (current->cancel != nullptr && current->cancel->Cancelled()) return ECANCELED;
   return clock.Now() >= current->deadline ? ETIMEDOUT : 0;
@@ -83,6 +92,7 @@ int RequestScope::Exceeded(Clock& clock) {
 
 int RequestScope::Wait(Condition& condition, Mutex& mutex, Clock& clock, Clock::Time until) {
   if (const int error = Exceeded(clock)) return error;
+  const RequestLimits* const current = CurrentLimits();
   clock.WaitUntil(condition, mutex,
                   current == nullptr ? until : std::min(until, current->deadline));
   return 0;

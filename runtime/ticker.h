@@ -4,9 +4,9 @@
 #define RUNTIME_TICKER_H_
 
 #include <functional>
-#include <thread>
 
 #include "runtime/clock.h"
+#include "runtime/thread.h"
 
 namespace vesk {
 
@@ -37,7 +37,7 @@ class Ticker {
   Condition due_;
   bool kicked_ VESK_GUARDED_BY(mutex_) = false;
   bool ending_ VESK_GUARDED_BY(mutex_) = false;
-  std::thread thread_;  // last: it uses all of the others
+  Thread thread_;  // last: it uses all of the others
 };
 
 }  // namespace vesk

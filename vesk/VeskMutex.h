@@ -1,7 +1,4 @@
 // A mutex that the compiler can check, and a condition to wait on with it.
-//
-// Clang's -Wthread-safety reports every access to a GUARDED_BY field without its mutex; other
-// compilers see plain standard mutexes.
 
 #ifndef VESK_VESKMUTEX_H_
 #define VESK_VESKMUTEX_H_
@@ -10,22 +7,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#if defined(__clang__)
-#define VESK_ANNOTATION(x) __attribute__((x))
-#else
-#define VESK_ANNOTATION(x)
-#endif
-
-// NOLINTBEGIN(bugprone-macro-parentheses): attribute arguments
-#define VESK_CAPABILITY(name) VESK_ANNOTATION(capability(name))
-#define VESK_SCOPED_CAPABILITY VESK_ANNOTATION(scoped_lockable)
-#define VESK_GUARDED_BY(mutex) VESK_ANNOTATION(guarded_by(mutex))
-#define VESK_REQUIRES(...) VESK_ANNOTATION(requires_capability(__VA_ARGS__))
-#define VESK_EXCLUDES(...) VESK_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define VESK_ACQUIRE(...) VESK_ANNOTATION(acquire_capability(__VA_ARGS__))
-#define VESK_RELEASE(...) VESK_ANNOTATION(release_capability(__VA_ARGS__))
-#define VESK_NO_THREAD_SAFETY_ANALYSIS VESK_ANNOTATION(no_thread_safety_analysis)
-// NOLINTEND(bugprone-macro-parentheses)
+#include "vesk/VeskCapability.h"
 
 namespace vesk {
 
@@ -43,31 +25,6 @@ class VESK_CAPABILITY("mutex") Mutex {
   friend class Condition;
 
   std::mutex mutex_;
-};
-
-// Holds a mutex from here to the end of the scope; may be let go and taken again in between.
-template <typename Lockable>
-class VESK_SCOPED_CAPABILITY Holding {
- public:
-  explicit Holding(Lockable& mutex) VESK_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-  ~Holding() VESK_RELEASE() {
-    if (held_) mutex_.unlock();
-  }
-  Holding(const Holding&) = delete;
-  Holding& operator=(const Holding&) = delete;
-
-  void Unlock() VESK_RELEASE() {
-    held_ = false;
-    mutex_.unlock();
-  }
-  void Lock() VESK_ACQUIRE() {
-    mutex_.lock();
-    held_ = true;
-  }
-
- private:
-  Lockable& mutex_;
-  bool held_ = true;
 };
 
 using MutexLock = Holding<Mutex>;
