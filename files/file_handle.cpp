@@ -32,15 +32,20 @@ FileHandle::~FileHandle() {
   self_->files.LetGo(*self_->node);
 }
 
-// Whoever hears of a failed write-back by running into it has heard of it.
+// Whoever hears of a failed write-back by running into it has heard of it. Where there is no memory
+// for its text, an error goes without.
 Status FileHandle::Private::Failure(const char* what, const Outcome& outcome) {
   if (outcome.write_back) (void)node->failures().TakeNews(&seen);
-  if (node->broken()) {
-    return {outcome.error, std::string(what) + " '" + name +
-                               "': a check of the cache has failed, the file is out of service"};
+  try {
+    if (node->broken()) {
+      return {outcome.error, std::string(what) + " '" + name +
+                                 "': a check of the cache has failed, the file is out of service"};
+    }
+    if (outcome.write_back) return {outcome.error, "write-back of '" + name + "'", true};
+    return {outcome.error, std::string(what) + " '" + name + "'"};
+  } catch (const std::bad_alloc&) {
+    return {outcome.error, "", outcome.write_back};
   }
-  if (outcome.write_back) return {outcome.error, "write-back of '" + name + "'", true};
-  return {outcome.error, std::string(what) + " '" + name + "'"};
 }
 
 Status FileHandle::ReadAt(void* destination, std::size_t length, std::uint64_t offset,
@@ -164,14 +169,22 @@ Status FileHandle::Close() {
   if (outcome.error == 0) return {};
   Status status = self_->Report("close of", outcome);
   if (node.dirty() == 0) return status;
-  return {status.error(),
-          status.context() + ", " + std::to_string(node.dirty()) + " bytes not in the store"};
+  try {
+    return {status.error(),
+            status.context() + ", " + std::to_string(node.dirty()) + " bytes not in the store",
+            status.write_back()};
+  } catch (const std::bad_alloc&) {
+    return status;
+  }
 }
 
 void FileHandle::Discard() {
   if (self_->closed) return;
   self_->discarded = true;
-  self_->node->Discard();
+  try {
+    self_->node->Discard();
+  } catch (const std::bad_alloc&) {  // what is left is unsaved still, and Close says so
+  }
 }
 
 bool FileHandle::Broken() const { return self_->node->broken(); }

@@ -89,7 +89,7 @@ class FileHandle {
   Status Close();
 
   // Gives up every byte of the file that has not reached the store, for all its handles. What is on
-  // its way may still arrive.
+  // its way may still arrive. Without memory for it some may be left: then Close says so.
   void Discard();
 
   // The cache failed a check of its own: every later request ends in EIO.

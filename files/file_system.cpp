@@ -168,8 +168,13 @@ Status FileSystem::Private::Open(const std::string& name, const OpenOptions& ope
       static_cast<unsigned>(std::min<std::uint64_t>(options.block_size, options.memory));
   const std::uint64_t fitting = options.memory / 2 / block;
   const auto ahead = static_cast<unsigned>(std::min<std::uint64_t>(options.read_ahead, fitting));
-  handle->reset(new FileHandle(std::make_unique<FileHandle::Private>(*this, std::move(node), name,
-                                                                     open.write, block, ahead)));
+  try {
+    handle->reset(new FileHandle(
+        std::make_unique<FileHandle::Private>(*this, node, name, open.write, block, ahead)));
+  } catch (...) {
+    LetGo(*node);  // it was counted for the handle
+    throw;
+  }
   if (!open.truncate) return {};
   Status status = (*handle)->Truncate(0);
   if (!status.ok()) handle->reset();
@@ -204,7 +209,7 @@ void FileSystem::Private::Drop(const Node& node) {
 // A broken file can be opened afresh when nobody has it open any more.
 void FileSystem::Private::LetGo(Node& node) {
   const MutexLock guard(mutex_);
-  if (--node.handles == 0 && node.broken()) Drop(node);
+  if (--node.handles == 0 && (node.broken() || node.idle())) Drop(node);
 }
 
 // Files that nobody has open any more and that could be stored at last.
@@ -375,7 +380,7 @@ void FileSystem::Private::WriteOut(Clock::Duration age) {
   try {
     const Clock::Time now = services.clock.Now();
     for (const std::shared_ptr<Node>& node : Nodes()) {
-      if (node->dirty() > 0) {
+      if (node->dirty() > 0 || node->broken()) {
         node->WriteOut(age == Clock::Duration::zero() ? Clock::kNever : now - age);
       }
     }
@@ -433,7 +438,7 @@ Status FileSystem::SyncAll() {
   try {
     return self_->SyncAll();
   } catch (const std::bad_alloc&) {
-    return {ENOMEM, "sync of all files"};
+    return {ENOMEM, "sync of all"};
   }
 }
 

@@ -66,6 +66,7 @@ class FileSystem {
   std::uint64_t memory_peak() const;
 
  private:
+  friend class Inspector;  // as Node's
   friend class FileHandle;
 
   struct Private;

@@ -43,6 +43,8 @@ struct FileSystem::Private {
   DirtyLimit dirty;
 
  private:
+  friend class Inspector;  // as Node's
+
   int Examine(const std::string& name, const OpenOptions& options, FileInfo* info);
   std::shared_ptr<Node> Find(const std::string& name, const FileInfo& info) const
       VESK_REQUIRES(mutex_);

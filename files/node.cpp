@@ -166,6 +166,16 @@ void Node::Divide(Range& range, std::uint64_t at) {
   core_.memory.Lower(*upper, divided.oldest);
 }
 
+// Not urgent: without memory for it the next request tries again, and what this one has done holds.
+void Node::DivideInTheMiddle(Range& range) {
+  const std::uint64_t middle = range.Middle();
+  if (middle == 0) return;
+  try {
+    Divide(range, middle);
+  } catch (const std::bad_alloc&) {
+  }
+}
+
 // A full range ends before `offset`, which would have a new block, from now on.
 bool Node::DividedBefore(Range& range, std::uint64_t offset) {
   const std::uint64_t at = range.FullBefore(offset);
@@ -286,7 +296,7 @@ Node::Next Node::TryIn(std::uint64_t offset, Piece& piece, Request& request) {
     const Next next = piece.Try(range, request);
     // After a wait the range may be another one's, or somebody may have the turn.
     if (core_.broken || !range.Covers(offset) || turn_.IsTakenFrom(request.who)) return next;
-    if (const std::uint64_t middle = range.Middle()) Divide(range, middle);
+    DivideInTheMiddle(range);
     return next;
   }
 }
@@ -662,10 +672,18 @@ Outcome Node::Append(const unsigned char* source, std::size_t length, std::uint6
 // ---- writing back ----
 
 void Node::StartWrites(Clock::Time before, bool asked_for) {
+  if (core_.broken) return LeaveAccounts();
   ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
     range.Collect();
     if (!core_.broken && !stopped_ && !removed_) range.StartWrites(before, asked_for);
   });
+}
+
+void Node::LeaveAccounts() {
+  for (Range* const range : RangesFrom(0)) {
+    const RangeLock guard(range->lock);
+    range->LeaveAccounts();
+  }
 }
 
 void Node::ListJobs(bool reads, JobList* jobs) const {
@@ -778,13 +796,18 @@ Outcome Node::Truncate(std::uint64_t size) {
   if (const int error = Refusal()) return {error, false};
   const std::vector<Range*> ranges = RangesFrom(0);  // from here on nothing needs memory
   const int error = store_.Truncate(name(), size);
-  if (error != 0) {
-    core_.suspicious = true;  // it may take place all the same
-    return {error, false};
-  }
   for (Range* const range : ranges) {
     const RangeLock guard(range->lock);
-    if (range->end() != 0 && !core_.broken) range->Truncate(size);
+    if (range->end() == 0 || core_.broken) continue;
+    if (error == 0) {
+      range->Truncate(size);
+    } else {
+      range->Forget();
+    }
+  }
+  if (error != 0) {
+    core_.suspicious = true;  // it may have taken place, or take place later
+    return {error, false};
   }
   core_.size = core_.stored_size = size;
   ++core_.own_writes;
@@ -854,12 +877,15 @@ void Node::WriteFails(const WriteFailure& failure) { core_.failures.Tell(failure
 // A request begins: the store's file is looked at when that was last done longer ago than the
 // setting refresh-interval.
 bool Node::IsCheckDue(unsigned now, int interval) const {
-  if (core_.suspicious.load(std::memory_order_relaxed)) return true;
   const Freshness freshness = freshness_.load(std::memory_order_relaxed);
-  if (freshness == Freshness::kGone) return true;
-  const bool fails = options_.when_unknown == UnknownPolicy::kFail;
-  if (freshness == Freshness::kUnknown && fails) return true;
   const long checked_at = checked_at_.load(std::memory_order_relaxed);
+  if (freshness == Freshness::kGone) return true;
+  if (freshness == Freshness::kUnknown && options_.when_unknown == UnknownPolicy::kFail)
+    return true;
+  if (core_.suspicious.load(std::memory_order_relaxed)) {
+    // Not for every request, where the store does not answer.
+    return freshness != Freshness::kUnknown || checked_at != static_cast<long>(now);
+  }
   return interval != 0 && static_cast<long>(now) - checked_at > interval;
 }
 
@@ -893,27 +919,31 @@ void Node::CheckFreshness() {
 }
 
 void Node::Look() {
-  const bool was_quiet = core_.written == 0;
-  const std::uint64_t writes = core_.own_writes;
   const bool was_suspicious = core_.suspicious.exchange(false);
-  FileInfo info;
-  int error = 0;
-  {
-    const RequestScope scope({services_.clock.Now() + options_.check_patience, nullptr});
-    error = ByName([&](const std::string& name) { return store_.Stat(name, &info); });
-  }
-  if (RequestScope::Exceeded(services_.clock) != 0) {  // this request's end, not the store's
-    core_.suspicious = core_.suspicious || was_suspicious;
-    return;
-  }
-  // While bytes of ours are on their way, size and time say nothing about others.
-  const bool quiet = was_quiet && core_.written == 0 && core_.own_writes == writes;
-  Learn(error, info, quiet, writes);
+  Sight sight;
+  const int error = See(&sight, false);
+  // A suspicion holds until the store has said what its file is.
+  if (error != 0 && was_suspicious) core_.suspicious = true;
+  if (RequestScope::Exceeded(services_.clock) != 0) return;  // this request's end, not the store's
+  Learn(error, sight, was_suspicious);
   checked_at_ = WallSeconds();
 }
 
-void Node::Learn(int error, const FileInfo& info, bool quiet, std::uint64_t writes) {
-  const bool was_unsure = freshness_ == Freshness::kUnknown || freshness_ == Freshness::kGone;
+// What the store says of its file now. `alone`: the calling thread has the turn, and the file keeps
+// its name.
+int Node::See(Sight* sight, bool alone) {
+  const RequestScope scope({services_.clock.Now() + options_.check_patience, nullptr});
+  const bool was_quiet = core_.written == 0;
+  sight->writes = core_.own_writes;
+  const auto stat = [&](const std::string& name) { return store_.Stat(name, &sight->info); };
+  const int error = alone ? stat(name()) : ByName(stat);
+  sight->quiet = was_quiet && core_.written == 0 && core_.own_writes == sight->writes;
+  return error;
+}
+
+void Node::Learn(int error, Sight& sight, bool was_suspicious) {
+  const bool was_unsure = freshness_ == Freshness::kUnknown || freshness_ == Freshness::kGone ||
+                          (was_suspicious && !sight.quiet);
   if (error == ENOENT) {
     freshness_ = Freshness::kGone;
     return;
@@ -923,47 +953,52 @@ void Node::Learn(int error, const FileInfo& info, bool quiet, std::uint64_t writ
     if (options_.when_unknown == UnknownPolicy::kServe) RenewAll();
     return;
   }
-  const bool changed = IsChanged(info, quiet, writes);
-  if ((changed || was_unsure) && !Forget(info, writes)) {
+  const bool changed = IsChanged(sight);
+  if ((changed || was_unsure) && !Forget(&sight)) {
     core_.suspicious = true;  // to be found once more
     return;
   }
   freshness_ = changed ? Freshness::kChanged : Freshness::kKnown;
   const MutexLock guard(mutex_);
-  if (quiet) {
-    known_ = info;
-    known_writes_ = writes;
+  if (sight.quiet) {
+    known_ = sight.info;
+    known_writes_ = sight.writes;
   } else {
-    known_.device = info.device;
-    known_.inode = info.inode;
+    known_.device = sight.info.device;
+    known_.inode = sight.info.inode;
   }
 }
 
-bool Node::IsChanged(const FileInfo& info, bool quiet, std::uint64_t writes) const {
+bool Node::IsChanged(const Sight& sight) const {
+  const FileInfo& info = sight.info;
   const MutexLock guard(mutex_);
   if (info.device != known_.device || info.inode != known_.inode) return true;
-  if (!quiet) return false;
-  if (writes != known_writes_) return info.size != core_.stored_size;
+  if (!sight.quiet) return false;
+  if (sight.writes != known_writes_) return info.size != core_.stored_size;
   return info.size != known_.size || info.modified_ns != known_.modified_ns;
 }
 
 // Somebody else may have changed the store's file: what is clean is fetched again. False: it could
-// not be done now. The size holds unless we have written since.
-bool Node::Forget(const FileInfo& info, std::uint64_t writes) {
+// not be done now. The file is looked at once more while nobody writes: what is on its way then can
+// only make it as long as it is here, whenever it arrives.
+bool Node::Forget(Sight* sight) {
   const Quiet quiet(*this, Quiet::What::kAsItIs);
   if (quiet.outcome().error != 0) return false;
-  std::uint64_t size = info.size;
+  std::uint64_t end = 0;
   for (Range* const range : RangesFrom(0)) {
     const RangeLock guard(range->lock);
     if (range->end() == 0 || core_.broken) continue;
     range->Collect();
-    if (core_.broken) return true;
-    range->Forget();
-    size = std::max(size, range->DirtyEnd());
+    end = std::max(end, range->DirtyEnd());
   }
-  if (core_.own_writes != writes) return false;
-  core_.stored_size = info.size;
-  core_.size = size;
+  if (See(sight, true) != 0) return false;
+  for (Range* const range : RangesFrom(0)) {
+    const RangeLock guard(range->lock);
+    if (range->end() != 0 && !core_.broken) range->Forget();
+  }
+  const std::uint64_t size = sight->info.size;
+  core_.size = std::max(size, end);
+  core_.stored_size = core_.own_writes == sight->writes ? size : core_.size.load();
   return true;
 }
 

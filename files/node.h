@@ -123,6 +123,8 @@ class Node final : private CachedFile, private RangeOwner {
   ino_t inode;
 
  private:
+  friend class Inspector;  // a simulation looks at what is inside
+
   // A request, from its call to its end.
   struct Request {
     Request(FileCore& file_core, Turn& file_turn)
@@ -194,11 +196,13 @@ class Node final : private CachedFile, private RangeOwner {
   void Activate(Range& range) VESK_REQUIRES(mutex_);
   void LeaveBudget();
   void Divide(Range& range, std::uint64_t at) VESK_REQUIRES(range.lock);
+  void DivideInTheMiddle(Range& range) VESK_REQUIRES(range.lock);
   bool DividedBefore(Range& range, std::uint64_t offset) VESK_REQUIRES(range.lock);
   Range* NewRange();
   std::vector<Range*> RangesFrom(std::uint64_t offset) const;
   void Barrier(std::uint64_t from);
   void StartWrites(Clock::Time before, bool asked_for);
+  void LeaveAccounts();
   void ListJobs(bool reads, JobList* jobs) const;
   Outcome AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen, std::uint64_t before);
   Outcome DrainAll();
@@ -215,9 +219,16 @@ class Node final : private CachedFile, private RangeOwner {
   int Clear(Request& request);
   void CheckFreshness();
   void Look();
-  void Learn(int error, const FileInfo& info, bool quiet, std::uint64_t writes);
-  bool IsChanged(const FileInfo& info, bool quiet, std::uint64_t writes) const;
-  bool Forget(const FileInfo& info, std::uint64_t writes);
+  // While bytes of ours are on their way (not `quiet`), size and time say nothing about others.
+  struct Sight {
+    FileInfo info;
+    bool quiet = false;
+    std::uint64_t writes = 0;  // FileCore::own_writes before
+  };
+  int See(Sight* sight, bool alone);
+  void Learn(int error, Sight& sight, bool was_suspicious);
+  bool IsChanged(const Sight& sight) const;
+  bool Forget(Sight* sight);
   void RenewAll();
 
   const Services services_;

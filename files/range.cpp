@@ -286,7 +286,24 @@ void Range::Account() {
   Account(no_memory, no_room);
 }
 
+// Of a file that is out of service: its blocks will never be stored or evicted, and others'
+// requests are not to wait for that.
+void Range::LeaveAccounts() {
+  const Sums old = std::exchange(sums_, Sums{});
+  core_.cached -= old.cached;
+  core_.dirty -= old.dirty;
+  core_.in_flight -= old.in_flight;
+  core_.written -= old.written;
+  core_.dirty_limit.Sub(old.dirty);
+  if (old.cached > 0) core_.memory.Release(old.cached);
+  if (old.IsActive()) owner_.SetActive(*this, false);
+}
+
 void Range::Account(MemoryBudget::Reservation& memory, DirtyLimit::Room& room) {
+  if (core_.broken) {
+    LeaveAccounts();
+    return;
+  }
   const Sums old = std::exchange(sums_, SumUp());
   core_.cached += sums_.cached - old.cached;
   core_.dirty += sums_.dirty - old.dirty;
@@ -385,14 +402,15 @@ bool Range::TakeFetched(Use& use, int error) {
   core_.fetched += block.dlen;
   block.RemoveEOF(stream_->name);  // where the file ends is the file's business
   if (use.dropped) return false;
-  if (block.dlen < block.blen) FillGap(block);
+  if (block.dlen < block.blen) FillGap(use);
   return block.blen > 0;
 }
 
 // The store had fewer bytes than the file has: what lies beyond the store's file was never written.
-// But when the store's file was longer before, somebody else has cut it.
-void Range::FillGap(VeskBuffer& block) {
-  if (DataEnd(block) >= core_.stored_size) {
+// But when the store's file was longer before the fetch, somebody else has cut it.
+void Range::FillGap(const Use& use) {
+  VeskBuffer& block = *use.block;
+  if (DataEnd(block) >= use.stored) {
     std::memset(block.bptr + block.dlen, 0, block.blen - block.dlen);
     block.dlen = block.blen;
     return;
@@ -559,7 +577,7 @@ std::uint64_t Range::Fetch(std::uint64_t from, std::uint64_t to,
     });
     if (core_.broken) break;
     uses_.insert(uses_.begin() + static_cast<std::ptrdiff_t>(index),
-                 Use{block, block->off, NextStamp(), now});
+                 Use{block, block->off, NextStamp(), now, {}, core_.stored_size});
     from += piece;
     left -= piece;
   }

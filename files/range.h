@@ -240,6 +240,9 @@ class Range final : public MemoryBudget::Source {
   // Gives up the dirty blocks; those in flight if their write fails.
   void Discard() VESK_REQUIRES(lock);
 
+  // The file is out of service: what its blocks take counts no more.
+  void LeaveAccounts() VESK_REQUIRES(lock);
+
   // The file ends at `size` now.
   //   Before   nothing is dirty or in flight
   void Truncate(std::uint64_t size) VESK_REQUIRES(lock);
@@ -264,6 +267,8 @@ class Range final : public MemoryBudget::Source {
   Left Evict(std::uint64_t bytes, std::uint64_t newest) override;
 
  private:
+  friend class Inspector;  // as Node's
+
   // What the file knows of a block beside what the block knows itself.
   struct Use {
     VeskBuffer* block;
@@ -271,6 +276,7 @@ class Range final : public MemoryBudget::Source {
     std::uint64_t stamp;        // of its last use
     Clock::Time since;          // its fetch began; or it became dirty
     Clock::Time rests_until{};  // after a write that failed
+    std::uint64_t stored = 0;   // that the store's file had at least when the fetch began
     bool dropped = false;  // a read in flight that nobody is to see; a write given up if it fails
   };
 
@@ -295,7 +301,7 @@ class Range final : public MemoryBudget::Source {
   int Reap(VeskBuffer& block) VESK_REQUIRES(lock);
   bool TakeFetched(Use& use, int error) VESK_REQUIRES(lock);
   bool TakeWritten(Use& use, int error) VESK_REQUIRES(lock);
-  void FillGap(VeskBuffer& block) VESK_REQUIRES(lock);
+  void FillGap(const Use& use) VESK_REQUIRES(lock);
   void NoteLatency(Clock::Duration latency);
 
   std::uint64_t NextStamp() VESK_REQUIRES(lock);

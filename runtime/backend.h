@@ -12,8 +12,9 @@ class VeskJob;
 // Who is told that a job has ended: the dispatcher, or a decorator between it and the backend.
 class EndHandler {
  public:
-  // 0, RC_EOF (reads only), or a positive errno value, never 1000 or 1001. The handler has the job
-  // from here on.
+  // 0, a positive errno value, never 1000 or 1001, or RC_EOF: a read that has brought nothing,
+  // since the file ends before its offset (the cache takes no bytes then; a read that is cut short
+  // ends in 0). The handler has the job from here on.
   //   Threads  any; the caller holds no mutex of its own
   virtual void JobEnded(VeskJob* job, int result) = 0;
 
