@@ -12,11 +12,14 @@ namespace {
 std::atomic<long> live{0};
 thread_local long countdown = 0;  // 0: none is to fail
 thread_local bool fired = false;
+thread_local bool on_and_on = false;
+bool (*is_counted)() = nullptr;
 std::function<void(void*, std::size_t)> watcher;
 
 void* Allocate(std::size_t bytes) noexcept {
-  if (countdown > 0 && --countdown == 0) {
+  if (countdown > 0 && (is_counted == nullptr || is_counted()) && --countdown == 0) {
     fired = true;
+    countdown = on_and_on ? 1 : 0;
     return nullptr;
   }
   void* const memory = std::malloc(bytes == 0 ? 1 : bytes);
@@ -35,12 +38,15 @@ void Free(void* memory) noexcept {
 
 long LiveAllocations() { return live; }
 
-FailingAllocation::FailingAllocation(long nth) {
+FailingAllocation::FailingAllocation(long nth, bool for_ever) {
   fired = false;
+  on_and_on = for_ever;
   countdown = nth;
 }
 FailingAllocation::~FailingAllocation() { countdown = 0; }
 bool FailingAllocation::Fired() const { return fired; }
+
+void CountAllocationsIf(bool (*counts)()) { is_counted = counts; }
 
 AllocationWatch::AllocationWatch(std::function<void(void*, std::size_t)> watch) {
   watcher = std::move(watch);

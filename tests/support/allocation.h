@@ -12,10 +12,11 @@ namespace vesk_test {
 long LiveAllocations();
 
 // While one exists, the `nth` allocation of this thread from its construction on (1 is the next
-// one) fails: the throwing forms throw std::bad_alloc, the others return null. One at a time.
+// one) fails, or that and all that follow: the throwing forms throw std::bad_alloc, the others
+// return null. One at a time.
 class FailingAllocation {
  public:
-  explicit FailingAllocation(long nth);
+  explicit FailingAllocation(long nth, bool for_ever = false);
   ~FailingAllocation();
   FailingAllocation(const FailingAllocation&) = delete;
   FailingAllocation& operator=(const FailingAllocation&) = delete;
@@ -23,6 +24,9 @@ class FailingAllocation {
   // True when the allocation that was to fail has been asked for.
   bool Fired() const;
 };
+
+// Only allocations that are made while `counts` says true are counted and fail. Null: all.
+void CountAllocationsIf(bool (*counts)());
 
 // While one exists, `watch` is called with each new allocation, before its owner sees it. `watch`
 // allocates nothing itself. One at a time.
