@@ -47,7 +47,7 @@ void Dispatcher::Submit(VeskJob* job) {
   job->state_.store(JOB_STATE_SUBMITTED, std::memory_order_release);
   Plug& plug = Plug::OfThisThread();
   plug.Add(job);
-  if (!plug.HoldsBack()) plug.Release();
+  if (!Plug::HoldsBack()) plug.Release();
 }
 
 // No analysis: the lock is the caller's, held again when this returns.

@@ -5,6 +5,7 @@
 
 #include "runtime/job_queue.h"
 #include "runtime/thread.h"
+#include "vesk/VeskLock.h"
 
 namespace vesk {
 
@@ -19,24 +20,25 @@ class Plug {
   // The calling thread's.
   static Plug& OfThisThread() { return vesk::OfThisThread<Plug>(); }
 
-  bool HoldsBack() const { return locks_held_ > 0; }
-  void Add(VeskJob* job) { jobs_.Push(job); }
+  static bool HoldsBack() { return VeskLock::HeldByThisThread(); }
+
+  void Add(VeskJob* job) {
+    jobs_.Push(job);
+    VeskLock::has_jobs_ = true;
+  }
 
   // True: `job` was held back here and is the caller's to run.
   bool Withdraw(VeskJob* job);
 
-  void LockTaken() { ++locks_held_; }
-  void LockGivenUp() { --locks_held_; }
-
   // Starts the jobs held back, in order, those of one dispatcher as one batch.
   void Release() {
+    VeskLock::has_jobs_ = false;
     if (!jobs_.Empty()) StartAll();
   }
 
  private:
   void StartAll();
 
-  int locks_held_ = 0;
   JobQueue jobs_;
 };
 

@@ -3,16 +3,6 @@
 
 namespace vesk {
 
-void VeskLock::lock() VESK_NO_THREAD_SAFETY_ANALYSIS {
-  mutex_.lock();
-  Plug::OfThisThread().LockTaken();
-}
-
-void VeskLock::unlock() VESK_NO_THREAD_SAFETY_ANALYSIS {
-  Plug& plug = Plug::OfThisThread();
-  plug.LockGivenUp();
-  mutex_.unlock();
-  plug.Release();
-}
+void VeskLock::StartJobs() { Plug::OfThisThread().Release(); }
 
 }  // namespace vesk
