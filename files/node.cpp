@@ -26,15 +26,6 @@ constexpr std::size_t kMaxPiece = 1u << 30;
 // Times that a request repeats before it takes the file's turn.
 constexpr unsigned kPatience = 8;
 
-unsigned Log2(std::uint64_t value) {
-  unsigned bits = 0;
-  while (value > 1) {
-    value /= 2;
-    ++bits;
-  }
-  return bits;
-}
-
 void Raise(std::atomic<std::uint64_t>* value, std::uint64_t least) {
   std::uint64_t old = value->load();
   while (old < least && !value->compare_exchange_weak(old, least)) {
@@ -57,7 +48,6 @@ Node::Node(const Services& services, Store& store, MemoryBudget& memory, DirtyLi
       core_(services, memory, dirty,
             static_cast<unsigned>(std::min<std::uint64_t>(options.block_size, options.memory))),
       turn_(services.clock),
-      hint_shift_(Log2(core_.block_size)),
       checked_at_(WallSeconds()),
       name_(name),
       known_(info) {
@@ -96,7 +86,7 @@ std::string Node::name() const {
 // ---- ranges ----
 
 std::atomic<Range*>& Node::Hint(std::uint64_t offset) {
-  return hints_[(offset >> hint_shift_) % hints_.size()];
+  return hints_[(offset >> core_.block_shift) % hints_.size()];
 }
 
 Range& Node::Find(std::uint64_t offset) {
@@ -262,12 +252,6 @@ void Node::Barrier(std::uint64_t from) {
 }
 
 // ---- serving ----
-
-int Node::Refusal() const {
-  if (core_.broken) return EIO;
-  if (removed_ || freshness_ == Freshness::kGone) return ESTALE;
-  return 0;
-}
 
 Outcome Node::Serve(std::uint64_t offset, Piece& piece, Request& request) {
   request.repeats = 0;
@@ -505,7 +489,7 @@ FetchWindow Node::Window(ReadAhead& ahead, std::uint64_t offset, std::uint64_t l
 }
 
 // A reader was served from memory: the next blocks are due when it has come far enough.
-void Node::ReadOn(ReadAhead& ahead, std::uint64_t offset, std::uint64_t length) {
+inline void Node::ReadOn(ReadAhead& ahead, std::uint64_t offset, std::uint64_t length) {
   if (!ahead.Due(offset, length)) return;
   const FetchWindow window = Window(ahead, offset, length, false);
   FetchAhead(window.from, window.to, &ahead);
@@ -532,6 +516,13 @@ Outcome Node::ReadAt(ReadAhead& ahead, unsigned char* destination, std::size_t l
     ReadOn(ahead, offset, length);
     return {};
   }
+  return ReadPieces(ahead, destination, length, offset, moved);
+}
+
+// Not inline: what it keeps on the stack is nothing that a hit has to make room for.
+[[gnu::noinline]] Outcome Node::ReadPieces(ReadAhead& ahead, unsigned char* destination,
+                                           std::size_t length, std::uint64_t offset,
+                                           std::size_t* moved) {
   *moved = 0;
   if (const int error = CheckIfDue()) return {error, false};
   Request request(core_, turn_);
@@ -873,21 +864,6 @@ void Node::Reap() {
 void Node::WriteFails(const WriteFailure& failure) { core_.failures.Tell(failure); }
 
 // ---- freshness ----
-
-// A request begins: the store's file is looked at when that was last done longer ago than the
-// setting refresh-interval.
-bool Node::IsCheckDue(unsigned now, int interval) const {
-  const Freshness freshness = freshness_.load(std::memory_order_relaxed);
-  const long checked_at = checked_at_.load(std::memory_order_relaxed);
-  if (freshness == Freshness::kGone) return true;
-  if (freshness == Freshness::kUnknown && options_.when_unknown == UnknownPolicy::kFail)
-    return true;
-  if (core_.suspicious.load(std::memory_order_relaxed)) {
-    // Not for every request, where the store does not answer.
-    return freshness != Freshness::kUnknown || checked_at != static_cast<long>(now);
-  }
-  return interval != 0 && static_cast<long>(now) - checked_at > interval;
-}
 
 int Node::CheckIfDue() {
   if (IsCheckDue(WallSeconds(), gEnv->settings->refresh_interval)) CheckFreshness();

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -178,7 +179,11 @@ class Node final : private CachedFile, private RangeOwner {
   void SetActive(Range& range, bool active) override;
   void Retire(Range& range) override;
 
-  int Refusal() const;
+  int Refusal() const {
+    if (core_.broken) return EIO;
+    if (removed_ || freshness_ == Freshness::kGone) return ESTALE;
+    return 0;
+  }
   Outcome Serve(std::uint64_t offset, Piece& piece, Request& request);
   Next TryIn(std::uint64_t offset, Piece& piece, Request& request);
   int Prepare(Next next, Request& request);
@@ -188,6 +193,8 @@ class Node final : private CachedFile, private RangeOwner {
                    std::size_t* moved, const void* who);
 
   FetchWindow Window(ReadAhead& ahead, std::uint64_t offset, std::uint64_t length, bool missed);
+  Outcome ReadPieces(ReadAhead& ahead, unsigned char* destination, std::size_t length,
+                     std::uint64_t offset, std::size_t* moved);
   bool Hit(unsigned char* destination, std::size_t length, std::uint64_t offset);
   void ReadOn(ReadAhead& ahead, std::uint64_t offset, std::uint64_t length);
   std::atomic<Range*>& Hint(std::uint64_t offset);
@@ -214,7 +221,19 @@ class Node final : private CachedFile, private RangeOwner {
   void ForEachActive(const Work& work) const;
   bool FindActive(std::uint64_t from, std::uint64_t* begin, Range** range) const;
 
-  bool IsCheckDue(unsigned now, int interval) const;
+  // A request begins: the store's file is looked at when that was last done longer ago than the
+  // setting refresh-interval.
+  bool IsCheckDue(unsigned now, int interval) const {
+    const Freshness freshness = freshness_.load(std::memory_order_relaxed);
+    const long checked_at = checked_at_.load(std::memory_order_relaxed);
+    const bool fails = options_.when_unknown == UnknownPolicy::kFail;
+    if (freshness == Freshness::kGone || (freshness == Freshness::kUnknown && fails)) return true;
+    if (core_.suspicious.load(std::memory_order_relaxed)) {
+      // Not for every request, where the store does not answer.
+      return freshness != Freshness::kUnknown || checked_at != static_cast<long>(now);
+    }
+    return interval != 0 && static_cast<long>(now) - checked_at > interval;
+  }
   int CheckIfDue();
   int Clear(Request& request);
   void CheckFreshness();
@@ -236,7 +255,6 @@ class Node final : private CachedFile, private RangeOwner {
   const FileSystemOptions& options_;
   FileCore core_;
   Turn turn_;
-  const unsigned hint_shift_;
 
   std::atomic<bool> removed_{false};
   std::atomic<bool> stopped_{false};  // no write sets out

@@ -466,13 +466,23 @@ bool Range::IsAged(std::uint64_t offset) const {
          IsOlder(*block, WallSeconds(), gEnv->settings->refresh_interval);
 }
 
+// What IndexAt finds. Where blocks of full size follow each other, as they do in a file that was
+// read, without a search: for a reader that jumps a processor predicts the end of one wrongly.
+inline Range::Use* Range::UseAt(std::uint64_t offset) {
+  if (uses_.empty()) return nullptr;
+  const std::uint64_t guess = (offset - uses_.front().off) >> core_.block_shift;
+  if (guess < uses_.size()) {
+    Use& use = uses_[guess];
+    if (use.off <= offset && offset - use.off < core_.block_size) return &use;
+  }
+  const std::size_t index = IndexAt(offset);
+  return index < uses_.size() && uses_[index].off <= offset ? &uses_[index] : nullptr;
+}
+
 bool Range::Hit(unsigned char* destination, std::uint64_t offset, unsigned int length,
                 unsigned int now, int refresh_interval) {
-  auto use = uses_.end();
-  do {
-    if (use == uses_.begin()) return false;
-    --use;
-  } while (use->off > offset);
+  Use* const use = UseAt(offset);
+  if (use == nullptr) return false;
   const VeskBuffer& block = *use->block;
   if (block.job != nullptr || offset + length > use->off + block.dlen) return false;
   if (!Is(block, VeskBuffer::DIRTY) && IsOlder(block, now, refresh_interval)) return false;

@@ -52,6 +52,16 @@ class Wants {
 // Bytes that a file may have: offsets are signed in the store, and in a stream.
 constexpr std::uint64_t kMaxFileSize = std::numeric_limits<std::int64_t>::max();
 
+// The largest power of two that is not above `value`, as an exponent; 0 for 0.
+inline unsigned int Log2(std::uint64_t value) {
+  unsigned int bits = 0;
+  while (value > 1) {
+    value /= 2;
+    ++bits;
+  }
+  return bits;
+}
+
 // What the ranges of a file have in common.
 //   Units    bytes
 struct FileCore {
@@ -60,12 +70,14 @@ struct FileCore {
       : services(file_services),
         memory(file_memory),
         dirty_limit(file_dirty),
-        block_size(file_block_size) {}
+        block_size(file_block_size),
+        block_shift(Log2(file_block_size)) {}
 
   const Services services;
   MemoryBudget& memory;
   DirtyLimit& dirty_limit;
-  const unsigned int block_size;  // not above the memory
+  const unsigned int block_size;   // not above the memory
+  const unsigned int block_shift;  // block_size is about 1 << block_shift
 
   std::atomic<std::uint64_t> size{0};         // of the file as its users see it
   std::atomic<std::uint64_t> stored_size{0};  // that the store's file has at least
@@ -294,6 +306,7 @@ class Range final : public MemoryBudget::Source {
   void Break() VESK_REQUIRES(lock);
 
   std::size_t IndexAt(std::uint64_t offset) const VESK_REQUIRES(lock);
+  Use* UseAt(std::uint64_t offset) VESK_REQUIRES(lock);
   std::uint64_t PieceEnd(std::size_t index, std::uint64_t from, std::uint64_t to) const
       VESK_REQUIRES(lock);
   bool CanWriteInto(const VeskBuffer& block, std::uint64_t offset) const;
