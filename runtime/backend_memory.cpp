@@ -116,6 +116,7 @@ int MemoryBackend::PerformOnName(const NameOperation& operation) {
     case OPCODE_SYNC: return Sync(operation);
     case OPCODE_RENAME: return Rename(operation);
     case OPCODE_REMOVE: return Remove(operation);
+    case OPCODE_SET_PERMISSIONS: return SetPermissions(operation);
     default: return ENOTSUP;
   }
 }
@@ -144,6 +145,20 @@ int MemoryBackend::Create(const NameOperation& operation) {
   place->second->info.mode = S_IFREG | (static_cast<mode_t>(operation.number) & 07777);
   place->second->info.inode = ++inodes_;
   place->second->info.modified_ns = NowNs();
+  return 0;
+}
+
+int MemoryBackend::SetPermissions(const NameOperation& operation) {
+  FilePointer file;
+  FileInfo info;
+  if (const int error = Find(operation.name, &file, &info)) return error;
+  if (behind_ != nullptr) {
+    const int error = NameBehind(OPCODE_SET_PERMISSIONS, operation.name, operation.number);
+    if (error != 0) return error;
+  }
+  if (file != nullptr) {
+    file->info.mode = (file->info.mode & S_IFMT) | (static_cast<mode_t>(operation.number) & 07777);
+  }
   return 0;
 }
 

@@ -25,8 +25,8 @@ namespace vesk {
 // With a store behind it, that one decides which names there are and who may open them. A file's
 // content is taken in whole when its bytes or its length are first asked for or changed, and lives
 // here from then on:
-//   Create, Remove, Rename, Open, Stat    carried out behind; what Stat tells of a file that is in
-//                                         memory is its size and last change here
+//   Create, Remove, Rename, Open, Stat,   carried out behind; what Stat tells of a file that is in
+//   SetPermissions                        memory is its size and last change here
 //   Write, Truncate                       change memory alone
 //   Sync; Rename and Remove, for the      bring what has changed to the store behind, and make that
 //   files that they concern               survive a crash
@@ -78,6 +78,7 @@ class MemoryBackend final : public VeskBackend, private EndHandler {
   int Stat(const NameOperation& operation) VESK_REQUIRES(mutex_);
   int Open(const NameOperation& operation) VESK_REQUIRES(mutex_);
   int Create(const NameOperation& operation) VESK_REQUIRES(mutex_);
+  int SetPermissions(const NameOperation& operation) VESK_REQUIRES(mutex_);
   int Truncate(const NameOperation& operation) VESK_REQUIRES(mutex_);
   int NextData(const NameOperation& operation) VESK_REQUIRES(mutex_);
   int Sync(const NameOperation& operation) VESK_REQUIRES(mutex_);

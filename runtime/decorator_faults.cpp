@@ -28,6 +28,7 @@ FaultOperations OperationOf(const VeskJob& job) {
     case OPCODE_SYNC: return kFaultSync;
     case OPCODE_RENAME: return kFaultRename;
     case OPCODE_REMOVE: return kFaultRemove;
+    case OPCODE_SET_PERMISSIONS: return kFaultSetPermissions;
     default: return 0;
   }
 }

@@ -29,6 +29,7 @@ constexpr FaultOperations kFaultNextData = 64;
 constexpr FaultOperations kFaultSync = 128;
 constexpr FaultOperations kFaultRename = 256;
 constexpr FaultOperations kFaultRemove = 512;
+constexpr FaultOperations kFaultSetPermissions = 1024;
 constexpr FaultOperations kFaultTransfers = kFaultRead | kFaultWrite;
 constexpr FaultOperations kFaultAll = ~0u;  // also those without a bit of their own
 

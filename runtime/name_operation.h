@@ -24,6 +24,7 @@ constexpr unsigned int OPCODE_NEXT_DATA = 105;  // number: offset; result: Exten
 constexpr unsigned int OPCODE_SYNC = 106;
 constexpr unsigned int OPCODE_RENAME = 107;  // other: the new name
 constexpr unsigned int OPCODE_REMOVE = 108;
+constexpr unsigned int OPCODE_SET_PERMISSIONS = 109;  // number: permissions
 
 enum class Access : unsigned long { kRead, kWrite };
 

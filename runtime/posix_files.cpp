@@ -196,6 +196,7 @@ int PosixFiles::PerformOnName(const NameOperation& operation) {
     case OPCODE_SYNC: return Sync(operation);
     case OPCODE_RENAME: return Rename(operation);
     case OPCODE_REMOVE: return Remove(operation);
+    case OPCODE_SET_PERMISSIONS: return SetPermissions(operation);
     default: return ENOTSUP;
   }
 }
@@ -239,6 +240,10 @@ int PosixFiles::Create(const NameOperation& operation) {
   const Descriptor file(fd);
   descriptors_.Forget(operation.name);      // of a file that somebody else has removed
   return ErrnoOf(fchmod(fd, permissions));  // open took the process's umask off
+}
+
+int PosixFiles::SetPermissions(const NameOperation& operation) {
+  return ErrnoOf(chmod(operation.name.c_str(), static_cast<mode_t>(operation.number)));
 }
 
 int PosixFiles::Truncate(const NameOperation& operation) {

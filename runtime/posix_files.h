@@ -49,6 +49,7 @@ class PosixFiles {
   int Stat(const NameOperation& operation);
   int Open(const NameOperation& operation);
   int Create(const NameOperation& operation);
+  int SetPermissions(const NameOperation& operation);
   int Truncate(const NameOperation& operation);
   int NextData(const NameOperation& operation);
   int Sync(const NameOperation& operation);

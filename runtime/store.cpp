@@ -31,6 +31,10 @@ int Store::Create(const std::string& name, mode_t permissions) {
   return Await(NewNameJob(OPCODE_CREATE, name, {}, permissions), "Create");
 }
 
+int Store::SetPermissions(const std::string& name, mode_t permissions) {
+  return Await(NewNameJob(OPCODE_SET_PERMISSIONS, name, {}, permissions), "SetPermissions");
+}
+
 int Store::Truncate(const std::string& name, std::uint64_t size) {
   return Await(NewNameJob(OPCODE_TRUNCATE, name, {}, size), "Truncate");
 }

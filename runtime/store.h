@@ -33,6 +33,9 @@ class Store {
   //   Ends in  EEXIST when the name is taken
   int Create(const std::string& name, mode_t permissions);
 
+  // Gives the file exactly these permissions. Whoever has it open goes on as before.
+  int SetPermissions(const std::string& name, mode_t permissions);
+
   // Sets the length; a longer file reads as zeros from its old end on.
   int Truncate(const std::string& name, std::uint64_t size);
 

@@ -53,18 +53,19 @@ constexpr Word<StoreSpec::Backend> kBackends[] = {
 };
 
 constexpr Word<FaultOperations> kOperations[] = {
-    {"all",       kFaultAll},
-    {"create",    kFaultCreate},
-    {"nextdata",  kFaultNextData},
-    {"open",      kFaultOpen},
-    {"read",      kFaultRead},
-    {"remove",    kFaultRemove},
-    {"rename",    kFaultRename},
-    {"stat",      kFaultStat},
-    {"sync",      kFaultSync},
-    {"transfers", kFaultTransfers},
-    {"truncate",  kFaultTruncate},
-    {"write",     kFaultWrite},
+    {"all",            kFaultAll},
+    {"create",         kFaultCreate},
+    {"nextdata",       kFaultNextData},
+    {"open",           kFaultOpen},
+    {"read",           kFaultRead},
+    {"remove",         kFaultRemove},
+    {"rename",         kFaultRename},
+    {"setpermissions", kFaultSetPermissions},
+    {"stat",           kFaultStat},
+    {"sync",           kFaultSync},
+    {"transfers",      kFaultTransfers},
+    {"truncate",       kFaultTruncate},
+    {"write",          kFaultWrite},
 };
 // clang-format on
 

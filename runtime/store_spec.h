@@ -45,9 +45,10 @@ struct StoreSpec {
 //   fault=OPERATIONS:EFFECT[:KEY=VALUE]...                   a rule of FaultsDecorator
 //   retry[:seed=N]                                           RetryDecorator
 // OPERATIONS are read, write, stat, open, create, truncate, nextdata, sync, rename, remove,
-// transfers (read and write) or all, several joined by '+'. EFFECT is `short` (of reads), `never`,
-// or an error by its name, as ENOSPC. KEYs are name=PATTERN, after=N, one of nth=N, every=N and
-// chance=P (P from 0 to 1), seed=N, times=N and for=TIME. In a PATTERN a '?' stands for the ',' and
+// setpermissions, transfers (read and write) or all, several joined by '+'. EFFECT is `short` (of
+// reads), `never`, or an error by its name, as ENOSPC. KEYs are name=PATTERN, after=N, one of
+// nth=N, every=N and chance=P (P from 0 to 1), seed=N, times=N and for=TIME. In a PATTERN a '?'
+// stands for the ',' and
 // ':' that it cannot have. Sizes and times are written as those of the settings; a time needs its
 // unit.
 //   After    true and `*spec`; or false, `*spec` unchanged, and what is wrong and what would be

@@ -70,14 +70,16 @@ class PartialFile {
   //   Before   Create has returned 0
   vesk::FileHandle& file() { return *file_; }
 
+  // The owner can write it for the time being, whatever the permissions that it is to have.
   int Create(mode_t permissions) {
+    permissions_ = permissions;
     const std::string directory = destination_.substr(0, destination_.rfind('/') + 1);
     int error = EEXIST;
     // A name that is taken may be another machine's copy into the same directory: left alone.
     for (int attempt = 0; error == EEXIST && attempt < kAttempts; ++attempt) {
       name_ = directory + ".vesk-cp-" + std::to_string(getpid()) + "-" + std::to_string(attempt) +
               ".partial";
-      error = world_.store().Create(name_, permissions);
+      error = world_.store().Create(name_, permissions | S_IWUSR);
     }
     exists_ = error == 0;
     if (error != 0) return error;
@@ -86,7 +88,12 @@ class PartialFile {
     return world_.files().Open(name_, options, &file_).error();
   }
 
+  //   Before   the file is closed
   vesk::Status TakeDestination() {
+    if ((permissions_ & S_IWUSR) == 0) {
+      const int error = world_.store().SetPermissions(name_, permissions_);
+      if (error != 0) return {error, "permissions of '" + name_ + "'"};
+    }
     vesk::Status status = world_.files().Rename(name_, destination_);
     if (status.ok()) exists_ = false;
     return status;
@@ -107,6 +114,7 @@ class PartialFile {
   World& world_;
   const std::string destination_;
   std::string name_;
+  mode_t permissions_ = 0;
   bool exists_ = false;
   std::unique_ptr<vesk::FileHandle> file_;
 };

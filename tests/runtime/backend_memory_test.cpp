@@ -372,6 +372,19 @@ TEST_F(MemoryInFrontTest, CreatedAndRemovedFilesAreSoOnDisk) {
   EXPECT_EQ(files_.ReadWhole(path_), "") << "the bytes of the removed file are gone";
 }
 
+TEST_F(MemoryInFrontTest, PermissionsAreSetHereAndOnDiskTakenInOrNot) {
+  for (const bool taken_in : {false, true}) {
+    PutOnDisk(path_, "abc");
+    EXPECT_EQ(taken_in ? files_.ReadWhole(path_) : "abc", "abc");
+    const mode_t permissions = taken_in ? 0440 : 0604;
+    EXPECT_EQ(files_.names().SetPermissions(path_, permissions), 0);
+    EXPECT_EQ(files_.Stat(path_).mode, S_IFREG | permissions);
+    struct stat on_disk = {};
+    ASSERT_EQ(stat(path_.c_str(), &on_disk), 0);
+    EXPECT_EQ(on_disk.st_mode, S_IFREG | permissions);
+  }
+}
+
 TEST_F(MemoryInFrontTest, ARenameTakesUnsyncedBytesAlongAndReplaces) {
   const std::string other = directory_ / "other";
   PutOnDisk(other, "what was here");

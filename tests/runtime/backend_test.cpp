@@ -265,6 +265,9 @@ class BackendTest : public ::testing::TestWithParam<std::tuple<BackendCase, By>>
   int Open(const std::string& name, Access access) {
     return Do(vesk::NewNameJob(vesk::OPCODE_OPEN, name, {}, static_cast<unsigned long>(access)));
   }
+  int SetPermissions(const std::string& name, mode_t permissions) {
+    return Do(vesk::NewNameJob(vesk::OPCODE_SET_PERMISSIONS, name, {}, permissions));
+  }
   int Truncate(const std::string& name, std::uint64_t size) {
     return Do(vesk::NewNameJob(vesk::OPCODE_TRUNCATE, name, {}, size));
   }
@@ -384,6 +387,7 @@ TEST_P(BackendTest, AnAbsentFileIsAPositiveErrnoToEveryOperation) {
   EXPECT_EQ(Open(absent_, Access::kRead), ENOENT);
   EXPECT_EQ(Open(absent_, Access::kWrite), ENOENT);
   EXPECT_EQ(Truncate(absent_, 0), ENOENT);
+  EXPECT_EQ(SetPermissions(absent_, 0600), ENOENT);
   EXPECT_EQ(NextData(absent_, 0, &extent), ENOENT);
   EXPECT_EQ(Sync(absent_), ENOENT);
   EXPECT_EQ(Rename(absent_, directory_ / "other"), ENOENT);
@@ -399,6 +403,22 @@ TEST_P(BackendTest, CreatesAFileWithExactlyThesePermissions) {
   EXPECT_EQ(Stat(file, &info), 0);
   EXPECT_EQ(info.mode, static_cast<mode_t>(S_IFREG | 0664));
   EXPECT_EQ(info.size, 0u);
+}
+
+TEST_P(BackendTest, SetsExactlyThesePermissionsAndLeavesTheRestAlone) {
+  const std::string file = NewFile("abc");
+  FileInfo before;
+  EXPECT_EQ(Stat(file, &before), 0);
+  const mode_t mask = umask(077);
+  EXPECT_EQ(SetPermissions(file, 0464), 0);
+  umask(mask);
+  FileInfo info;
+  EXPECT_EQ(Stat(file, &info), 0);
+  EXPECT_EQ(info.mode, static_cast<mode_t>(S_IFREG | 0464));
+  EXPECT_EQ(info.size, 3u);
+  EXPECT_EQ(info.modified_ns, before.modified_ns);
+  EXPECT_EQ(Read(file, 4, 0), "abc");
+  EXPECT_EQ(Write(file, "x", 1), 0) << "it was opened before";
 }
 
 TEST_P(BackendTest, CreateLeavesAFileThatIsThereAlone) {

@@ -150,11 +150,12 @@ TEST_F(FaultsTest, EveryOperationHasABitOfItsOwn) {
         return vesk::NewNameJob(vesk::OPCODE_NEXT_DATA, "f", {}, 0, extent);
       case vesk::kFaultSync: return vesk::NewNameJob(vesk::OPCODE_SYNC, "f");
       case vesk::kFaultRename: return vesk::NewNameJob(vesk::OPCODE_RENAME, "f", "h");
-      default: return vesk::NewNameJob(vesk::OPCODE_REMOVE, "f");
+      case vesk::kFaultRemove: return vesk::NewNameJob(vesk::OPCODE_REMOVE, "f");
+      default: return vesk::NewNameJob(vesk::OPCODE_SET_PERMISSIONS, "f", {}, 0600);
     }
   };
-  for (unsigned rule = 0; rule < 10; ++rule) {
-    for (unsigned operation = 0; operation < 10; ++operation) {
+  for (unsigned rule = 0; rule < 11; ++rule) {
+    for (unsigned operation = 0; operation < 11; ++operation) {
       Make(Rule(1u << rule, ENOSPC));
       EXPECT_EQ(Result(Submit(job(1u << operation))), rule == operation ? ENOSPC : 0)
           << "rule " << rule << ", operation " << operation;

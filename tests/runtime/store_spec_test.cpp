@@ -166,7 +166,7 @@ TEST(ParseStoreSpecTest, EveryOperationAndErrorHasItsName) {
       {"create", vesk::kFaultCreate},       {"truncate", vesk::kFaultTruncate},
       {"nextdata", vesk::kFaultNextData},   {"sync", vesk::kFaultSync},
       {"rename", vesk::kFaultRename},       {"remove", vesk::kFaultRemove},
-      {"transfers", vesk::kFaultTransfers},
+      {"transfers", vesk::kFaultTransfers}, {"setpermissions", vesk::kFaultSetPermissions},
   };
   for (const Row& row : rows) {
     EXPECT_EQ(Parsed<FaultRule>(std::string("fault=") + row.name + ":EIO").operations,
@@ -258,9 +258,9 @@ TEST(ParseStoreSpecTest, SaysWhatIsWrongAndWhatWouldBeRight) {
       // fault
       {"posix,fault",            "fault: needs operations and an effect, as in fault=read:EIO"},
       {"posix,fault=read",       "fault: needs an effect behind the operations, as in fault=read:EIO"},
-      {"posix,fault=",           "fault: unknown operation ''; known: all, create, nextdata, open, read, remove, rename, stat, sync, transfers, truncate, write"},
-      {"posix,fault=raed:EIO",   "fault: unknown operation 'raed'; did you mean 'read'? known: all, create, nextdata, open, read, remove, rename, stat, sync, transfers, truncate, write"},
-      {"posix,fault=read+:EIO",  "fault: unknown operation ''; known: all, create, nextdata, open, read, remove, rename, stat, sync, transfers, truncate, write"},
+      {"posix,fault=",           "fault: unknown operation ''; known: all, create, nextdata, open, read, remove, rename, setpermissions, stat, sync, transfers, truncate, write"},
+      {"posix,fault=raed:EIO",   "fault: unknown operation 'raed'; did you mean 'read'? known: all, create, nextdata, open, read, remove, rename, setpermissions, stat, sync, transfers, truncate, write"},
+      {"posix,fault=read+:EIO",  "fault: unknown operation ''; known: all, create, nextdata, open, read, remove, rename, setpermissions, stat, sync, transfers, truncate, write"},
       {"posix,fault=write:short", "fault: 'short' is for read alone: all else is done whole or fails"},
       {"posix,fault=read+write:short", "fault: 'short' is for read alone: all else is done whole or fails"},
       {"posix,fault=all:short",  "fault: 'short' is for read alone: all else is done whole or fails"},
