@@ -19,6 +19,7 @@ namespace vesk {
 
 namespace {
 
+constexpr std::size_t kLongestQuote = 100;  // of a text of any length
 constexpr std::size_t kLargestFile = std::size_t{1} << 20;
 
 std::string ErrorText(int error) { return std::generic_category().message(error); }
@@ -152,8 +153,7 @@ class FileReader {
 
   std::string ReadValue(const std::string& line) {
     CLI::ConfigItem item;
-    if (!Parse(line, &item))
-      return QuotedText(line) + " is neither a comment nor a [table] nor NAME = VALUE";
+    if (!Parse(line, &item)) return NotUnderstood(line);
     const Setting* const setting = FindSetting(item.name);
     if (setting == nullptr)
       return "there is no setting " + QuotedText(item.name) +
@@ -161,8 +161,10 @@ class FileReader {
     for (const std::string& parent : item.parents) {
       if (item.parents.size() > 1 || parent != setting->group)
         return setting->name + ": belongs in the table [" + setting->group +
-               "] or before the first table, not in [" + CLI::detail::join(item.parents, ".") + ']';
+               "] or before the first table, not in [" +
+               PrintableText(CLI::detail::join(item.parents, "."), kLongestQuote) + ']';
     }
+    if (!IsNameOf(*setting, line)) return NotUnderstood(line);
     for (const Entry& entry : entries_) {
       if (entry.setting == setting)
         return setting->name + ": is there twice, first in line " + std::to_string(entry.line);
@@ -170,11 +172,20 @@ class FileReader {
     const bool list = setting->type == SettingType::kLevels;
     if (!list && (item.inputs.size() != 1 || !IsOneValue(line)))
       return setting->name + ": one value is wanted; one with blanks or commas needs quotes";
-    // The reader makes an empty word of a blank before a comma.
-    if (item.inputs.size() > 1)
-      item.inputs.erase(std::remove(item.inputs.begin(), item.inputs.end(), ""), item.inputs.end());
-    entries_.push_back({setting, CLI::detail::join(item.inputs, ","), line_});
+    entries_.push_back({setting, list ? ListText(item, line) : item.inputs[0], line_});
     return "";
+  }
+
+  static std::string NotUnderstood(const std::string& line) {
+    return QuotedText(line) + " is neither a comment nor a [table] nor NAME = VALUE";
+  }
+
+  // The reader overlooks dots around a name.
+  static bool IsNameOf(const Setting& setting, const std::string& line) {
+    std::string name = line.substr(0, line.find('='));
+    const auto is_around = [](char c) { return IsQuote(c) || c == ' ' || c == '\t'; };
+    name.erase(std::remove_if(name.begin(), name.end(), is_around), name.end());
+    return name == setting.name || name == setting.group + '.' + setting.name;
   }
 
   // Where there is one value only, the reader overlooks the brackets and commas of a list.
@@ -183,6 +194,15 @@ class FileReader {
     if (value.empty()) return true;
     if (IsQuote(value.front())) return value.back() == value.front();
     return value.front() != '[' && value.find(',') == std::string::npos;
+  }
+
+  static std::string ListText(const CLI::ConfigItem& item, const std::string& line) {
+    // A bare list is the setting's to read: it is as strict with it as in any other place.
+    if (std::string("[\"'").find(ValueOf(line)[0]) == std::string::npos) return ValueOf(line);
+    // The reader makes an empty word of a blank before a comma.
+    std::vector<std::string> words = item.inputs;
+    if (words.size() > 1) words.erase(std::remove(words.begin(), words.end(), ""), words.end());
+    return CLI::detail::join(words, ",");
   }
 
   // What stands behind the '='.
@@ -209,6 +229,16 @@ class FileReader {
   std::string table_;
   std::vector<Entry> entries_;
 };
+
+// The line of a file that says `value`, in the quotes in which the reader takes it for just that.
+std::string FileLine(const Setting& setting, const std::string& value) {
+  for (const char quote : {'"', '\''}) {
+    const std::string line = setting.name + " = " + quote + value + quote;
+    FileReader reader;
+    if (reader.Read(line).empty() && reader.entries().front().text == value) return line;
+  }
+  return "# no file can say it: " + setting.name + " = " + value;
+}
 
 // ---- help ----
 
@@ -252,6 +282,16 @@ void AddNames(const CLI::App& app, std::vector<std::string>* names) {
     for (const std::string& name : option->get_lnames()) names->push_back(name);
   }
   for (const CLI::App* const command : app.get_subcommands({})) AddNames(*command, names);
+}
+
+// `app` or one of its commands has a long option of that name that needs a value.
+bool NeedsValue(const CLI::App& app, const std::string& name) {
+  for (const CLI::Option* const option : app.get_options()) {
+    if (option->check_lname(name) && option->get_items_expected_min() > 0) return true;
+  }
+  const std::vector<const CLI::App*> commands = app.get_subcommands({});
+  return std::any_of(commands.begin(), commands.end(),
+                     [&name](const CLI::App* command) { return NeedsValue(*command, name); });
 }
 
 }  // namespace
@@ -366,6 +406,20 @@ void AddSettings(CLI::App* app, SettingsSource* source) {
   }
 }
 
+std::string SettingsToml(const Settings& settings) {
+  std::string file;
+  std::string group;
+  for (const Setting& setting : SettingTable()) {
+    if (setting.group != group) file += "\n[" + setting.group + "]\n";
+    group = setting.group;
+    const std::string value = ValueText(setting, settings);
+    file += "# " + setting.help + " (" + RangeText(setting) + (setting.live ? ", live)\n" : ")\n");
+    file += FileLine(setting, value);
+    file += value == DefaultText(setting) ? "\n" : "  # not the default\n";
+  }
+  return file;
+}
+
 std::string SettingsFooter() {
   const Setting& example = SettingTable().front();
   return "A setting can also stand in the file of --config, as " + example.name +
@@ -377,15 +431,33 @@ std::string SettingsFooter() {
          "file while the program runs.";
 }
 
+std::vector<std::string> CommandLineWords(const CLI::App& app, int argc, const char* const* argv) {
+  std::vector<std::string> words;
+  bool options = true;  // until "--"
+  for (int i = 1; i < argc; ++i) {
+    std::string word = argv[i];
+    options = options && word != "--";
+    const bool empty_value = options && word.size() > 3 && word.compare(0, 2, "--") == 0 &&
+                             word.back() == '=' && NeedsValue(app, word.substr(2, word.size() - 3));
+    if (empty_value) word.pop_back();
+    words.push_back(std::move(word));
+    if (empty_value) words.emplace_back();
+  }
+  std::reverse(words.begin(), words.end());  // the parser takes them from the back
+  return words;
+}
+
 std::string ParseErrorText(const CLI::App& app, const CLI::ParseError& error) {
   for (const std::string& word : app.remaining(true)) {
     if (word.size() < 3 || word.compare(0, 2, "--") != 0) continue;
     std::vector<std::string> names;
     AddNames(app, &names);
     const std::string name = word.substr(2, word.find('=') - 2);
+    if (std::find(names.begin(), names.end(), name) != names.end()) continue;  // behind a "--"
     return "there is no option " + QuotedText("--" + name) + Suggestion(name, names, "--");
   }
-  return error.what();
+  constexpr std::size_t kLongest = 500;  // what was given may be of any length
+  return PrintableText(error.what(), kLongest);
 }
 
 }  // namespace vesk

@@ -82,8 +82,17 @@ class SettingsSource {
 //   Owns     borrows `source`: it outlives the parse
 void AddSettings(CLI::App* app, SettingsSource* source);
 
+// All settings with their values and what they mean, as a configuration file that says the same. A
+// value that no such file can say, as one with a backslash, stands in a comment.
+std::string SettingsToml(const Settings& settings);
+
 // For the footer of an `app` with settings: where they come from, and how values are written.
 std::string SettingsFooter();
+
+// The words of a command line as `app.parse` takes them. An empty value, `--NAME=`, becomes a word
+// of its own: the parser would take the next word for the value.
+//   Before   `app` and its commands have all their options
+std::vector<std::string> CommandLineWords(const CLI::App& app, int argc, const char* const* argv);
 
 // Why `app.parse` failed, on one line. An unknown option that is a slip of a known one is told so.
 std::string ParseErrorText(const CLI::App& app, const CLI::ParseError& error);

@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "runtime/settings.h"
 #include "vesk/VeskMutex.h"
 
 namespace vesk {
@@ -502,7 +503,7 @@ bool ParseLogLevels(const std::string& text, LogLevels* levels, std::string* why
     const std::string_view word = Trimmed(rest.substr(0, comma));
     const LogLevels level = LevelNamed(word);
     if (level == kLogNothing) {
-      *why = "unknown log level \"" + std::string(word) + "\": ";
+      *why = "unknown log level " + QuotedText(std::string(word)) + ": ";
       *why += "use off, all, or a comma list of debug,trace,info,dump,error";
       return false;
     }

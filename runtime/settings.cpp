@@ -475,20 +475,21 @@ SettingChanges ApplyLiveSettings(const Settings& wanted, Settings* running) {
   return changes;
 }
 
-std::string QuotedText(const std::string& text) {
-  constexpr std::size_t kLongest = 100;
-  std::string quoted = "'";
-  for (const char c : text.substr(0, kLongest)) {
+std::string PrintableText(const std::string& text, std::size_t longest) {
+  std::string printable;
+  for (const char c : text.substr(0, longest)) {
     if (!IsControl(c)) {
-      quoted += c;
+      printable += c;
       continue;
     }
     char escaped[5];
     std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
-    quoted += escaped;
+    printable += escaped;
   }
-  return quoted + (text.size() > kLongest ? "...'" : "'");
+  return text.size() > longest ? printable + "..." : printable;
 }
+
+std::string QuotedText(const std::string& text) { return '\'' + PrintableText(text, 100) + '\''; }
 
 std::string SettingsMarkdown() {
   std::string page;

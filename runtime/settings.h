@@ -5,6 +5,7 @@
 #define RUNTIME_SETTINGS_H_
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -110,7 +111,7 @@ const Setting* FindSetting(const std::string& name);
 [[nodiscard]] std::string SetSetting(const Setting& setting, const std::string& text,
                                      Settings* settings);
 
-// The value as the shortest text that SetSetting takes for it.
+// The value as the shortest text that SetSetting takes for it, with a unit where there is one.
 std::string ValueText(const Setting& setting, const Settings& settings);
 std::string DefaultText(const Setting& setting);
 
@@ -150,8 +151,11 @@ struct SettingChanges {
 //   Threads  one at a time; readers of `*running` go on undisturbed
 SettingChanges ApplyLiveSettings(const Settings& wanted, Settings* running);
 
-// `text` in single quotes as part of one line: control characters become \xNN, what is beyond 100
-// bytes is left out.
+// `text` as part of one line: control characters become \xNN, "..." stands for what is beyond
+// `longest` bytes.
+std::string PrintableText(const std::string& text, std::size_t longest);
+
+// The same in single quotes, of at most 100 bytes.
 std::string QuotedText(const std::string& text);
 
 // The tables of the documentation page, one for each group.

@@ -65,7 +65,7 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
   }
 
   try {
-    app.parse(argc, argv);
+    app.parse(vesk::CommandLineWords(app, argc, argv));
   } catch (const CLI::CallForHelp&) {
     for (const CLI::App* const command : app.get_subcommands()) {
       std::cout << command->help("vesk");
@@ -78,8 +78,8 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
     return false;
   } catch (const CLI::ParseError& error) {
     const bool unknown = app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-';
-    PrintUsageError(unknown ? std::string("There is no command '") + argv[1] +
-                                  "', only cat, cp, stat and settings"
+    PrintUsageError(unknown ? "There is no command " + vesk::QuotedText(argv[1]) +
+                                  ", only cat, cp, stat and settings"
                             : vesk::ParseErrorText(app, error),
                     "vesk");
     *status = kExitUsage;

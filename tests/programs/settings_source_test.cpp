@@ -44,7 +44,9 @@ class SettingsSourceTest : public testing::Test {
     app.footer(vesk::SettingsFooter());
     help_ = app.help();
     try {
-      app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+      std::vector<const char*> words = {"program"};
+      for (const std::string& argument : arguments) words.push_back(argument.c_str());
+      app.parse(vesk::CommandLineWords(app, static_cast<int>(words.size()), words.data()));
     } catch (const CLI::CallForHelp&) {
       return "help";
     } catch (const CLI::ParseError& error) {
@@ -174,7 +176,7 @@ TEST_F(SettingsSourceTest, ChangesNothingWhenAnyPlaceIsWrong) {
 TEST_F(SettingsSourceTest, NamesTheOptionOfAWrongValue) {
   EXPECT_EQ(Start({"--block-size", "0"}), "--block-size: '0' is too small: at least 1 byte");
   EXPECT_EQ(Start({"--read-ahead", "-1"}), "--read-ahead: '-1' is not a whole number: 0 to 99");
-  EXPECT_EQ(Start({"--read-ahead="}), "--read-ahead: 1 required COUNT missing");
+  EXPECT_EQ(Start({"--read-ahead="}), "--read-ahead: '' is not a whole number: 0 to 99");
   EXPECT_EQ(Start({"--read-ahead", ""}), "--read-ahead: '' is not a whole number: 0 to 99");
   EXPECT_EQ(Start({"--block-size"}), "--block-size: 1 required SIZE missing");
   EXPECT_EQ(Start({"--threads=1", "--threads=2"}), "--threads: At Most 1 required but received 2");
@@ -201,6 +203,24 @@ TEST_F(SettingsSourceTest, SuggestsTheOptionThatIsMeant) {
   EXPECT_EQ(Start({"--" + std::string(10000, 'x')}),
             "there is no option '--" + std::string(98, 'x') + "...'");
   EXPECT_EQ(Start({"stray"}), "The following argument was not expected: stray");
+}
+
+TEST_F(SettingsSourceTest, TellsWhatIsWrongOnOneShortLineWhateverWasTyped) {
+  EXPECT_EQ(Start({"a\nb\x1b[31m"}), "The following argument was not expected: a\\x0ab\\x1b[31m");
+  EXPECT_LT(Start({std::string(10000, 'x')}).size(), 600u);
+}
+
+// The next word was taken for it: the file that was to be read became the log.
+TEST_F(SettingsSourceTest, TakesAnEmptyValueBehindAnEqualsSign) {
+  EXPECT_EQ(Start({"--log-file=", "cat", "file"}), "");
+  EXPECT_EQ(Value("log-file"), "");
+  WriteFile("log-file = x");
+  EXPECT_EQ(Start({"--log-file=", "--config", file()}), "");
+  EXPECT_EQ(Value("log-file"), "");
+  EXPECT_EQ(Start({"--threads=", "cat"}), "--threads: '' is not a whole number: 1 to 1024");
+  EXPECT_EQ(Start({"--help="}), "help") << "takes no value";
+  EXPECT_EQ(Start({"--", "--log-file="}),
+            "The following arguments were not expected: --log-file= --");
 }
 
 TEST_F(SettingsSourceTest, AcceptsOptionsBehindACommandThatFallsThrough) {
@@ -233,6 +253,31 @@ TEST_F(SettingsSourceTest, TellsEverySettingInHelpByGroupOnLinesThatFit) {
     const std::size_t end = help_.find('\n', begin);
     EXPECT_LE(end - begin, 100u) << help_.substr(begin, end - begin);
     begin = end + 1;
+  }
+}
+
+// ---- the list of all settings ----
+
+TEST_F(SettingsSourceTest, ListsSettingsAsAFileThatSaysTheSame) {
+  for (const char* const name : {"plain", "", "a\"b", "it's", "#", "[x], y", "a=b"}) {
+    ASSERT_EQ(Start({"--log-file", name, "--log-levels", "info, error", "--memory=7M"}), "");
+    const std::string list = vesk::SettingsToml(settings_);
+    EXPECT_EQ(StartWith(list), "") << list;
+    EXPECT_EQ(Value("log-file"), name);
+    EXPECT_EQ(Value("log-levels"), "info,error");
+    EXPECT_EQ(vesk::SettingsToml(settings_), list);
+  }
+}
+
+TEST_F(SettingsSourceTest, ListsWhatNoFileCanSayInAComment) {
+  for (const std::string name : {"a\\b", "a`b", "it's \"x\"", "\"a b\""}) {
+    ASSERT_EQ(Start({"--log-file", name}), "");
+    const std::string list = vesk::SettingsToml(settings_);
+    EXPECT_NE(list.find("\n# no file can say it: log-file = " + name + "  # not the default\n"),
+              std::string::npos)
+        << list;
+    EXPECT_EQ(StartWith(list), "");
+    EXPECT_EQ(Value("log-file"), "");
   }
 }
 
@@ -284,6 +329,16 @@ TEST_F(SettingsSourceTest, ReadsAFileAsPeopleWriteThem) {
 TEST_F(SettingsSourceTest, ReadsAFileThatBeginsWithAByteOrderMark) {
   EXPECT_EQ(StartWith("\xef\xbb\xbfthreads = 2\n"), "");
   EXPECT_EQ(Value("threads"), "2");
+}
+
+TEST_F(SettingsSourceTest, ABareListIsReadAsInEveryOtherPlace) {
+  EXPECT_EQ(StartWith("log-levels = info , error"), "");
+  EXPECT_EQ(Value("log-levels"), "info,error");
+  for (const char* const wrong :
+       {"info,", ",info", "info,,error", "info error", "info,\"error\""}) {
+    const std::string refusal = StartWith(std::string("log-levels = ") + wrong);
+    EXPECT_EQ(refusal.rfind("F:1: log-levels: unknown log level ", 0), 0u) << wrong << refusal;
+  }
 }
 
 TEST_F(SettingsSourceTest, KeepsAnEmptyTextInQuotes) {
@@ -367,6 +422,21 @@ TEST_F(SettingsSourceTest, RefusesABadFileWholeWithLineAndReason) {
     EXPECT_EQ(wrong, "F:" + std::to_string(4 + lines) + ": " + row[1]);
     ExpectAllDefaults();
   }
+}
+
+TEST_F(SettingsSourceTest, RefusesDotsAroundAName) {
+  EXPECT_EQ(StartWith("cache.memory = 7\n \"log-file\" = x"), "");
+  for (const char* const name : {"memory.", ".memory", "cache.memory.", "cache..memory", "."}) {
+    const std::string refusal = StartWith(name + std::string(" = 7"));
+    EXPECT_EQ(refusal.rfind("F:1: ", 0), 0u) << name << ": " << refusal;
+  }
+}
+
+TEST_F(SettingsSourceTest, TellsAWrongTableOnOneShortLine) {
+  EXPECT_EQ(StartWith("a\tb.log-stderr = off\n"),
+            "F:1: log-stderr: belongs in the table [log] or before the first table, not in "
+            "[a\\x09b]");
+  EXPECT_LT(StartWith(std::string(10000, 'x') + ".log-stderr = off\n").size(), 250u);
 }
 
 TEST_F(SettingsSourceTest, RefusesNamesOfAnyShapeWithoutHarm) {

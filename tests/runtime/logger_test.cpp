@@ -1110,10 +1110,19 @@ TEST(LogLevelsTest, RefusesAWordThatItDoesNotKnow) {
     LogLevels levels = 77;
     std::string why;
     EXPECT_FALSE(vesk::ParseLogLevels(row.text, &levels, &why)) << row.text;
-    EXPECT_EQ(why, "unknown log level \"" + std::string(row.word) +
-                       "\": use off, all, or a comma list of debug,trace,info,dump,error");
+    EXPECT_EQ(why, "unknown log level '" + std::string(row.word) +
+                       "': use off, all, or a comma list of debug,trace,info,dump,error");
     EXPECT_EQ(levels, 77u);
   }
+}
+
+TEST(LogLevelsTest, ARefusalIsOneShortLineWhateverTheWord) {
+  LogLevels levels = 77;
+  std::string why;
+  EXPECT_FALSE(vesk::ParseLogLevels("info,a\nb", &levels, &why));
+  EXPECT_EQ(why.find('\n'), std::string::npos) << why;
+  EXPECT_FALSE(vesk::ParseLogLevels(std::string(4096, 'x'), &levels, &why));
+  EXPECT_LT(why.size(), 200u) << why;
 }
 
 }  // namespace

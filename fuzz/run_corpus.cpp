@@ -1,0 +1,24 @@
+// Gives a fuzz target every file of a directory once, for builds without a fuzzer.
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "fuzz/fuzz.h"
+
+int main(int argc, char** argv) {
+  int files = 0;
+  for (int i = 1; i < argc; ++i) {
+    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
+      std::ifstream file(entry.path(), std::ios::binary);
+      const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+      std::fprintf(stderr, "%s\n", entry.path().c_str());
+      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+      ++files;
+    }
+  }
+  std::printf("%d inputs\n", files);
+  return files > 0 ? 0 : 1;
+}
