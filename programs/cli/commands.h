@@ -20,6 +20,9 @@ int Copy(World& world);
 // it.
 int Stat(World& world);
 
+// Rebuilds from a log what the cache held, and says whether its lines contradict each other.
+int ReplayTrace(const Options& options);
+
 // Lists all settings with the values they have.
 int ListSettings(const Options& options, const vesk::Settings& settings);
 

@@ -1,4 +1,5 @@
-// The command line: vesk cat FILE, vesk cp SRC DST, vesk stat FILE, vesk settings.
+// The command line: vesk cat FILE, vesk cp SRC DST, vesk stat FILE, vesk replay TRACE,
+// vesk settings.
 
 #include <signal.h>
 
@@ -32,6 +33,7 @@ int main(int argc, char** argv) {
     int status = kExitOk;
     if (!ParseOptions(argc, argv, &options, &settings, &status)) return status;
     if (options.command == Options::Command::kSettings) return ListSettings(options, settings);
+    if (options.command == Options::Command::kReplay) return ReplayTrace(options);
     World world(options, settings);
     return Run(world);
   } catch (const std::invalid_argument& refusal) {  // the store cannot be had as it was asked for

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <tuple>
 
 namespace vesk_cli {
 
@@ -19,6 +20,45 @@ constexpr char kStores[] =
     "and\n"
     "retry, as in --store posix,latency=2ms,fault=write:EIO:every=100,retry (docs/operating.md).";
 
+constexpr char kReplayFooter[] =
+    "TRACE is what a program has logged with log-levels all: as text, as JSON, out of the system "
+    "log, or\n"
+    "the history of a failed check. Other lines are passed over. What lines do not tell is shown "
+    "as "
+    "?, and\n"
+    "valid bytes that may have grown since with a +; a block that went without a line stays "
+    "listed.\n"
+    "\n"
+    "Exit status: 0 consistent; 1 a check failed or a line contradicts the others; 2 the trace or "
+    "the\n"
+    "command line cannot be read (docs/replay.md).";
+
+void AddReplay(CLI::App* command, Options* options) {
+  Options::Replay& replay = options->replay;
+  command->add_option("TRACE", options->source, "The log to replay; -: standard input")->required();
+  CLI::Option* const at =
+      command->add_option("--at", replay.at, "Show what the cache held behind this line")
+          ->type_name("LINE")
+          ->check(CLI::PositiveNumber);
+  CLI::Option* const steps =
+      command->add_flag("--steps", replay.steps, "Show each line of the cache and what it changed")
+          ->excludes(at);
+  for (const auto& [name, line, what] :
+       {std::tuple("--from", &replay.from, "With --steps: begin at this line"),
+        std::tuple("--to", &replay.to, "With --steps: end with this line")}) {
+    command->add_option(name, *line, what)
+        ->type_name("LINE")
+        ->check(CLI::PositiveNumber)
+        ->needs(steps);
+  }
+  command->add_option("--file", replay.file, "With --at and --steps: of this file alone")
+      ->type_name("NAME");
+  command->add_flag("--whole", replay.whole,
+                    "The trace begins with the program and no file was renamed: a block that no "
+                    "line made is a contradiction");
+  command->footer(kReplayFooter);
+}
+
 }  // namespace
 
 void PrintUsageError(const std::string& message, const std::string& where) {
@@ -30,6 +70,7 @@ std::string CommandName(const Options& options) {
     case Options::Command::kCat: return "vesk cat";
     case Options::Command::kCopy: return "vesk cp";
     case Options::Command::kStat: return "vesk stat";
+    case Options::Command::kReplay: return "vesk replay";
     case Options::Command::kSettings: return "vesk settings";
   }
   return "vesk";
@@ -59,6 +100,8 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
   CLI::App* const table =
       app.add_subcommand("settings", "List all settings, as a configuration file");
   table->add_flag("--markdown", options->markdown, "As tables for a documentation page");
+  CLI::App* const replay = app.add_subcommand("replay", "Rebuild from a log what the cache held");
+  AddReplay(replay, options);
   for (CLI::App* const command : {cat, copy, stat, table}) {
     vesk::AddSettings(command, &options->settings_source);
     command->footer(vesk::SettingsFooter() + "\n\n" + kStores);
@@ -79,7 +122,7 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
   } catch (const CLI::ParseError& error) {
     const bool unknown = app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-';
     PrintUsageError(unknown ? "There is no command " + vesk::QuotedText(argv[1]) +
-                                  ", only cat, cp, stat and settings"
+                                  ", only cat, cp, stat, replay and settings"
                             : vesk::ParseErrorText(app, error),
                     "vesk");
     *status = kExitUsage;
@@ -88,6 +131,10 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
   if (copy->parsed()) options->command = Options::Command::kCopy;
   if (stat->parsed()) options->command = Options::Command::kStat;
   if (table->parsed()) options->command = Options::Command::kSettings;
+  if (replay->parsed()) {
+    options->command = Options::Command::kReplay;
+    return true;
+  }
   const std::string refusal = options->settings_source.Load(settings);
   if (refusal.empty()) return true;
   PrintUsageError(refusal, CommandName(*options));

@@ -3,6 +3,7 @@
 #ifndef PROGRAMS_CLI_OPTIONS_H_
 #define PROGRAMS_CLI_OPTIONS_H_
 
+#include <cstddef>
 #include <string>
 
 #include "programs/settings_source.h"
@@ -11,7 +12,17 @@
 namespace vesk_cli {
 
 struct Options {
-  enum class Command { kCat, kCopy, kStat, kSettings };
+  enum class Command { kCat, kCopy, kStat, kReplay, kSettings };
+
+  // What is to be told of a log; lines are counted from 1, 0: not asked for.
+  struct Replay {
+    std::size_t at = 0;  // the state behind this line
+    bool steps = false;  // what each line did, within these
+    std::size_t from = 0;
+    std::size_t to = 0;
+    std::string file;    // of this one alone; empty: of all
+    bool whole = false;  // the log begins with the program
+  };
 
   Command command = Command::kCat;
   std::string source;
@@ -19,12 +30,13 @@ struct Options {
   std::string progress = "auto";  // of a copy: auto, always or never
   bool stats = false;
   bool markdown = false;  // of the table of settings
+  Replay replay;
   vesk::SettingsSource settings_source;
 };
 
 // Exit statuses of the program; a signal that ended it gives 128 and its number.
 constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;  // a file could not be read or written
+constexpr int kExitFailed = 1;  // a file could not be read or written; a log tells of a failure
 constexpr int kExitUsage = 2;   // a setting or the command line is wrong; nothing was touched
 
 // True: `*options` and `*settings` are what command line, environment and configuration file say.
