@@ -367,6 +367,11 @@ Block& Replay::Known(Block* block, std::uint64_t off, const Told& told) {
 void Replay::About(Block& block) {
   block.told = totals_.lines;
   seat_->block = {block.off, block.id};
+  std::vector<Ref>& fresh = seat_->fresh;
+  fresh.erase(std::remove_if(fresh.begin(), fresh.end(),
+                             [&block](const Ref& ref) { return ref.id == block.id; }),
+              fresh.end());
+  if (fresh.empty()) seat_->returned = 0;
 }
 
 void Replay::Erase(const Block& block) {
@@ -414,8 +419,9 @@ void Replay::LearnState(Block& block, unsigned told) {
 void Replay::LearnValid(Block& block, std::uint32_t told) {
   if (Has(block, kReading)) return;
   if (block.valid && told != *block.valid && block.state) {
-    if (told > *block.valid && Has(block, kDirty | kValid)) {
+    if (told > *block.valid && Has(block, kDirty | kValid | kInvalid)) {
       Untold(block, "got more data");
+      if (Has(block, kInvalid)) block.state.reset();  // whoever owns it keeps what was not stored
     } else {
       Contradict(Name(block) + ": " + Text(*block.valid) + " valid bytes were expected, " +
                  Text(told) + " are told");
@@ -489,10 +495,8 @@ Block* Replay::PickInFlight() {
   for (auto& [off, block] : file_->blocks) {
     if (MayBeInFlight(block)) candidates.push_back(&block);
   }
-  if (Block* const block = WaitedFor()) {
-    if (!sure_ && candidates.size() > 1) ++totals_.assumed;
-    return block;
-  }
+  Block* const waited_for = thread_.empty() ? nullptr : WaitedFor();
+  if (waited_for != nullptr) return waited_for;
   if (candidates.size() == 1 && whole_) return candidates.front();
   if (candidates.empty() && whole_) Contradict(file_name_ + ": no block has a job in flight");
   for (Block* const candidate : candidates) Blur(*candidate);
@@ -599,26 +603,32 @@ void Replay::TakeNew(const Values& v) {
   Change(block, "made, length " + Text(length));
   SetState(block, kValid);
   About(block);
-  seat_->made = seat_->block;
+  if (!thread_.empty()) seat_->fresh.clear();
+  seat_->fresh.push_back(seat_->block);
   walk = Walk();
+}
+
+// The thread's new block, of which nothing but its range was told since. Null: there is none, or
+// threads are not told and it may be another one's.
+Block* Replay::Fresh() {
+  return seat_->fresh.size() == 1 && seat_->returned == 0 ? Get(seat_->fresh.front()) : nullptr;
 }
 
 // The range as the cache prints it: its length cut to 32 bits.
 void Replay::TakeTail(const Values& v) {
   Enter(v.texts[0]);
-  const Block* const block = Get(seat_->made);
-  if (block == nullptr || !block->length) return;
+  const Block* const block = Fresh();
+  if (block == nullptr || thread_.empty() || !block->length) return;
   const std::uint64_t end = block->off + *block->length;
-  if (Length(v.numbers[0] + v.numbers[1]) != Length(end)) {
-    Contradict(file_name_ + ": a range up to " + Text(end) + " was expected, " +
-               Text(v.numbers[0]) + " + " + Text(Length(v.numbers[1])) + " is told");
-  }
+  if (Length(v.numbers[0] + v.numbers[1]) == Length(end)) return;
+  Contradict(file_name_ + ": a range up to " + Text(end) + " was expected, " + Text(v.numbers[0]) +
+             " + " + Text(Length(v.numbers[1])) + " is told");
 }
 
 void Replay::TakeHead(const Values& v) {
   Enter(v.texts[0]);
-  const Block* const block = Get(seat_->made);
-  if (block == nullptr || block->off == v.numbers[0]) return;
+  const Block* const block = Fresh();
+  if (block == nullptr || thread_.empty() || block->off == v.numbers[0]) return;
   Contradict(file_name_ + ": a range from " + Text(block->off) + " on was expected, from " +
              Text(v.numbers[0]) + " is told");
 }
@@ -693,6 +703,8 @@ void Replay::TakeDone(const Values& v) {
   if (block.state) SetState(block, (*block.state & kEof) | kValid);
   block.valid = told.valid;
   block.job = 0;
+  if (!thread_.empty()) seat_->ending.clear();
+  if (*told.valid == 0) seat_->ending.push_back(seat_->block);
 }
 
 void Replay::TakeJobError(const Values& v) {
@@ -705,13 +717,19 @@ void Replay::TakeJobError(const Values& v) {
   About(*block);
 }
 
-// Behind the line of a job that ended well, or alone.
+// Behind the line of a job that ended well, or alone. Without threads lines of others may stand
+// between the two.
 void Replay::TakeEndOfFile(const Values& v) {
   Enter(v.texts[0]);
-  Block* const done = seat_->site == kSiteDone ? Get(seat_->block) : nullptr;
-  const bool goes_on = done != nullptr && done->valid == std::uint32_t{0};
-  Block* const block = goes_on ? done : PickInFlight();
-  if (!goes_on) ++totals_.jobs_done;
+  std::vector<Ref>& ending = seat_->ending;
+  Block* block = nullptr;
+  if (ending.empty()) {
+    ++totals_.jobs_done;
+    block = PickInFlight();
+  } else {
+    block = Get(ending.front());
+    ending.erase(ending.begin());
+  }
   if (block == nullptr) return;
   SetState(*block, static_cast<unsigned>(v.numbers[1]));
   block->valid = Length(v.numbers[0]);
@@ -721,21 +739,25 @@ void Replay::TakeEndOfFile(const Values& v) {
 // A stream clears its blocks from the first one on; an owner the one whose job has just ended.
 void Replay::TakeRemoveEof(const Values& v) {
   Enter(v.texts[0]);
-  const bool ended = seat_->site == kSiteDone || seat_->site == kSiteEof;
-  Block* block = ended ? Get(seat_->block) : nullptr;
-  if (block == nullptr || !Has(*block, kEof)) {
-    const auto found = std::find_if(file_->blocks.begin(), file_->blocks.end(),
-                                    [](const auto& entry) { return Has(entry.second, kEof); });
-    block = found == file_->blocks.end() ? nullptr : &found->second;
-    if (!sure_) ++totals_.assumed;
+  std::vector<Block*> candidates;
+  bool known = true;
+  for (auto& [off, block] : file_->blocks) {
+    known = known && block.state.has_value();
+    if (Has(block, kEof)) candidates.push_back(&block);
   }
-  if (block != nullptr) {
-    SetState(*block, *block->state & ~kEof);
+  if (candidates.empty()) {
+    if (known && whole_) Contradict(file_name_ + ": no block was at the end of the file");
     return;
   }
-  const bool known = std::all_of(file_->blocks.begin(), file_->blocks.end(),
-                                 [](const auto& entry) { return entry.second.state.has_value(); });
-  if (known && whole_) Contradict(file_name_ + ": no block was at the end of the file");
+  if (thread_.empty() && candidates.size() > 1) {
+    for (Block* const block : candidates) block->state.reset();
+    Doubtful("which block no longer ends the file (129 tells no offset)");
+    return;
+  }
+  const bool ended = seat_->site == kSiteDone || seat_->site == kSiteEof;
+  Block* const last = ended ? Get(seat_->block) : nullptr;
+  Block& block = last != nullptr && Has(*last, kEof) ? *last : *candidates.front();
+  SetState(block, *block.state & ~kEof);
 }
 
 // ---- lines: requests ----
@@ -802,9 +824,19 @@ void Replay::TakeIoDone(const Values& v) {
 void Replay::TakeReturning(const Values& v) {
   Enter(v.texts[0]);
   ++totals_.copies_in;
-  if (Block* const block = Get(seat_->made)) {
+  if (Block* const block = Fresh()) {
     Wrote(*block, block->off + Length(v.numbers[0]));
+    seat_->fresh.clear();
+    return;
   }
+  if (seat_->fresh.empty()) return;
+  for (const Ref& ref : seat_->fresh) {
+    if (Block* const block = Get(ref)) Blur(*block);
+  }
+  Doubtful("which new block was written (lines of several threads, which are not told)");
+  if (++seat_->returned < seat_->fresh.size()) return;
+  seat_->fresh.clear();  // all of them were
+  seat_->returned = 0;
 }
 
 void Replay::TakeEof(const Values& v) {
@@ -900,7 +932,7 @@ void Replay::TakeCheck(const Values& /*v*/) {
 void Replay::TakeNoBlock(const Values& v) {
   TakeCheck(v);
   if (seat_ == nullptr) return;
-  if (const Block* const block = Get(seat_->made)) Erase(*block);
+  if (const Block* const block = Fresh()) Erase(*block);
 }
 
 // There was no memory for a write: the block was cut to its dirty bytes before.

@@ -139,10 +139,12 @@ class Replay {
   // What one thread did last with a file.
   struct Seat {
     int site = 0;
-    std::size_t number = 0;  // of its last line, among the cache's
-    Ref block;               // that its last line was about
-    Ref made;                // its last new block
-    bool waits = false;      // of its last write job: it is waited for
+    std::size_t number = 0;    // of its last line, among the cache's
+    Ref block;                 // that its last line was about
+    std::vector<Ref> fresh;    // its last new block; without threads, all that may be new
+    std::size_t returned = 0;  // writes told since, of one of these each
+    std::vector<Ref> ending;   // whose jobs ended without data, which a further line tells
+    bool waits = false;        // of its last write job: it is waited for
     Walk walk;
   };
 
@@ -189,6 +191,7 @@ class Replay {
 
   void PassTo(const Block& block);
   void DropOverlapped(std::uint64_t off, std::uint64_t end);
+  Block* Fresh();
   Block* WaitedFor();
   Block* PickInFlight();
   Block* PickCut(std::uint32_t old_length, std::uint32_t new_length);
