@@ -21,17 +21,15 @@ constexpr char kStores[] =
     "retry, as in --store posix,latency=2ms,fault=write:EIO:every=100,retry (docs/operating.md).";
 
 constexpr char kReplayFooter[] =
-    "TRACE is what a program has logged with log-levels all: as text, as JSON, out of the system "
-    "log, or\n"
-    "the history of a failed check. Other lines are passed over. What lines do not tell is shown "
-    "as "
-    "?, and\n"
-    "valid bytes that may have grown since with a +; a block that went without a line stays "
-    "listed.\n"
+    "TRACE is what a program has logged with log-levels all: as text, as JSON (which tells most),\n"
+    "out of the system log, or the history of a failed check. Other lines are passed over. What\n"
+    "lines do not tell is shown as ?, valid bytes that may have grown since with a +; a block "
+    "that\n"
+    "went without a line stays listed. With --whole, for a log in which no file was renamed, a\n"
+    "block that no line has made is a contradiction, and less is left open.\n"
     "\n"
-    "Exit status: 0 consistent; 1 a check failed or a line contradicts the others; 2 the trace or "
-    "the\n"
-    "command line cannot be read (docs/replay.md).";
+    "Exit status: 0 consistent; 1 a check failed or a line contradicts the others; 2 the trace or\n"
+    "the command line cannot be read (docs/replay.md).";
 
 void AddReplay(CLI::App* command, Options* options) {
   Options::Replay& replay = options->replay;
@@ -53,9 +51,7 @@ void AddReplay(CLI::App* command, Options* options) {
   }
   command->add_option("--file", replay.file, "With --at and --steps: of this file alone")
       ->type_name("NAME");
-  command->add_flag("--whole", replay.whole,
-                    "The trace begins with the program and no file was renamed: a block that no "
-                    "line made is a contradiction");
+  command->add_flag("--whole", replay.whole, "The trace begins with the program (see below)");
   command->footer(kReplayFooter);
 }
 
