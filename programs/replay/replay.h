@@ -72,8 +72,8 @@ struct Totals {
 //
 // Lines tell names, not streams: streams of one name are taken as one, which is right as long as
 // they cover different parts of the file. Lines about a block without its offset are taken for the
-// block that the line before was about, if thread and state agree; else for the only block that
-// they can be about; else everything that they may have changed cannot be told.
+// block that the line before was about, if thread and state agree; else, in a whole log, for
+// the only block that they can be about; else what they may have changed cannot be told.
 //   Threads  one at a time
 class Replay {
  public:
