@@ -12,14 +12,16 @@ namespace {
 std::atomic<long> live{0};
 thread_local long countdown = 0;  // 0: none is to fail
 thread_local bool fired = false;
-thread_local bool on_and_on = false;
+thread_local bool all_later = false;
+thread_local bool spared = false;
 bool (*is_counted)() = nullptr;
 std::function<void(void*, std::size_t)> watcher;
 
 void* Allocate(std::size_t bytes) noexcept {
-  if (countdown > 0 && (is_counted == nullptr || is_counted()) && --countdown == 0) {
+  const bool counts = !spared && (is_counted == nullptr || is_counted());
+  if (countdown > 0 && counts && --countdown == 0) {
     fired = true;
-    countdown = on_and_on ? 1 : 0;
+    if (all_later) countdown = 1;
     return nullptr;
   }
   void* const memory = std::malloc(bytes == 0 ? 1 : bytes);
@@ -38,13 +40,17 @@ void Free(void* memory) noexcept {
 
 long LiveAllocations() { return live; }
 
-FailingAllocation::FailingAllocation(long nth, bool for_ever) {
+FailingAllocation::FailingAllocation(long nth, bool and_all_later) {
   fired = false;
-  on_and_on = for_ever;
+  all_later = and_all_later;
   countdown = nth;
 }
 FailingAllocation::~FailingAllocation() { countdown = 0; }
 bool FailingAllocation::Fired() const { return fired; }
+
+SparedAllocations::SparedAllocations(bool are_spared)
+    : before_(std::exchange(spared, are_spared)) {}
+SparedAllocations::~SparedAllocations() { spared = before_; }
 
 void CountAllocationsIf(bool (*counts)()) { is_counted = counts; }
 

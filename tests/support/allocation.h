@@ -12,17 +12,30 @@ namespace vesk_test {
 long LiveAllocations();
 
 // While one exists, the `nth` allocation of this thread from its construction on (1 is the next
-// one) fails, or that and all that follow: the throwing forms throw std::bad_alloc, the others
-// return null. One at a time.
+// one) fails: the throwing forms throw std::bad_alloc, the others return null. One at a time.
+//   and_all_later   those after it fail as well
 class FailingAllocation {
  public:
-  explicit FailingAllocation(long nth, bool for_ever = false);
+  explicit FailingAllocation(long nth, bool and_all_later = false);
   ~FailingAllocation();
   FailingAllocation(const FailingAllocation&) = delete;
   FailingAllocation& operator=(const FailingAllocation&) = delete;
 
   // True when the allocation that was to fail has been asked for.
   bool Fired() const;
+};
+
+// While one exists, allocations of this thread are spared (neither fail nor count), or with `false`
+// no longer spared. They nest.
+class SparedAllocations {
+ public:
+  explicit SparedAllocations(bool are_spared = true);
+  ~SparedAllocations();
+  SparedAllocations(const SparedAllocations&) = delete;
+  SparedAllocations& operator=(const SparedAllocations&) = delete;
+
+ private:
+  const bool before_;
 };
 
 // Only allocations that are made while `counts` says true are counted and fail. Null: all.
