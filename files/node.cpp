@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "runtime/decorator_retry.h"
+#include "runtime/name_operation.h"
 #include "runtime/request.h"
 #include "runtime/store.h"
 #include "runtime/wall_clock.h"
@@ -72,6 +73,7 @@ Node::~Node() {
   LeaveBudget();  // an eviction retires ranges, which touches their neighbours
   const MutexLock guard(mutex_);
   if (abandoned_) services_.retry->KeepAgain(name_);
+  if (resize_ != nullptr) VeskJob::RefCountDec(resize_);
 }
 
 void Node::LeaveBudget() VESK_NO_THREAD_SAFETY_ANALYSIS {
@@ -276,6 +278,7 @@ Node::Next Node::TryIn(std::uint64_t offset, Piece& piece, Request& request) {
     range.Collect();
     if (turn_.IsTakenFrom(request.who)) return Next::kPass;
     if (core_.broken || removed_) return Next::kRepeat;
+    if (resizing_ && request.who == &request) return Next::kCheck;
     if (DividedBefore(range, offset)) continue;
     const Next next = piece.Try(range, request);
     // After a wait the range may be another one's, or somebody may have the turn.
@@ -295,7 +298,7 @@ int Node::Prepare(Next next, Request& request) {
     case Next::kCheck:
       request.LetGo();
       request.turn.Give();  // what is learnt may need it
-      CheckFreshness();
+      if (const int error = CheckFreshness()) return error;
       return RequestScope::Exceeded(services_.clock);
     case Next::kGet: {
       if (!request.room.TryAdmit(request.need_room)) request.memory.Reset();
@@ -332,7 +335,7 @@ int Node::Clear(Request& request) {
   if (++request.repeats >= 2 * kPatience) return EIO;
   request.LetGo();
   request.turn.Give();
-  CheckFreshness();
+  if (const int error = CheckFreshness()) return error;
   return RequestScope::Exceeded(services_.clock);
 }
 
@@ -649,9 +652,12 @@ Outcome Node::WriteAll(const unsigned char* source, std::size_t length, std::uin
 Outcome Node::Append(const unsigned char* source, std::size_t length, std::uint64_t* offset,
                      std::size_t* moved) {
   *moved = 0;
-  if (const int error = CheckIfDue()) return {error, false};
   Turn::Holder turn(turn_);
-  if (const int error = turn.Take(&turn)) return {error, false};
+  do {
+    turn.Give();
+    if (const int error = CheckIfDue()) return {error, false};
+    if (const int error = turn.Take(&turn)) return {error, false};
+  } while (resizing_);  // since the look, which needs the turn
   // Whoever was about to make the file longer wrote a piece of at most a block that begins here or
   // later.
   const std::uint64_t size = core_.size;
@@ -726,6 +732,7 @@ Outcome Node::Drain(WriteFailures::Seen* seen) {
 
 // Under the turn: nothing new comes, so the rounds end.
 Outcome Node::DrainAll() {
+  if (const int error = AwaitResize()) return {error, false};
   const std::uint64_t before = core_.failures.count();
   for (;;) {
     if (core_.broken) return {EIO, false};
@@ -744,6 +751,7 @@ Outcome Node::DrainAll() {
 // Under the turn: what is on its way ends, well or not, and nothing follows.
 Outcome Node::StopAll() {
   stopped_ = true;
+  if (const int error = AwaitResize()) return {error, false};
   if (services_.retry != nullptr) Abandon();
   for (;;) {
     if (core_.broken) return {EIO, false};
@@ -782,11 +790,12 @@ Outcome Node::Sync(WriteFailures::Seen* seen) {
 
 Outcome Node::Truncate(std::uint64_t size) {
   if (size > kMaxFileSize) return {EFBIG, false};
+  if (const int error = CheckIfDue()) return {error, false};
   const Quiet quiet(*this, Quiet::What::kDrained);
   if (quiet.outcome().error != 0) return quiet.outcome();
   if (const int error = Refusal()) return {error, false};
-  const std::vector<Range*> ranges = RangesFrom(0);  // from here on nothing needs memory
-  const int error = store_.Truncate(name(), size);
+  const std::vector<Range*> ranges = RangesFrom(0);
+  const int error = Resize(size);  // from here on nothing needs memory
   for (Range* const range : ranges) {
     const RangeLock guard(range->lock);
     if (range->end() == 0 || core_.broken) continue;
@@ -797,12 +806,54 @@ Outcome Node::Truncate(std::uint64_t size) {
     }
   }
   if (error != 0) {
-    core_.suspicious = true;  // it may have taken place, or take place later
+    core_.suspicious = true;  // it may have taken place
     return {error, false};
   }
   core_.size = core_.stored_size = size;
   ++core_.own_writes;
   return {Refusal(), false};
+}
+
+// Has the store cut or extend its file. A job that outlasts the calling thread's limits is kept:
+// while it may take place nobody knows what the file is, and what is written now could be cut off
+// later.
+int Node::Resize(std::uint64_t size) {
+  VeskJob* const job = NewNameJob(OPCODE_TRUNCATE, name(), {}, size);
+  services_.bundler.SubmitJob(job);
+  services_.bundler.WaitForJob(job, nullptr, "Truncate");
+  if (job->GetJobState() == JOB_STATE_DONE) {
+    const int result = job->GetReturnValue();
+    VeskJob::RefCountDec(job);
+    return result;
+  }
+  core_.suspicious = true;
+  const MutexLock guard(mutex_);
+  resize_ = job;
+  resizing_ = true;
+  return RequestScope::Exceeded(services_.clock);
+}
+
+// Returns when no truncation is on its way whose request has given up waiting for it.
+int Node::AwaitResize() {
+  VeskJob* job = nullptr;
+  {
+    const MutexLock guard(mutex_);
+    if (resize_ == nullptr) return 0;
+    job = resize_;
+    job->RefCountInc();
+  }
+  services_.bundler.WaitForJob(job, nullptr, "Truncate");
+  const bool ended = job->GetJobState() == JOB_STATE_DONE;
+  {
+    const MutexLock guard(mutex_);
+    if (ended && resize_ == job) {
+      resize_ = nullptr;
+      resizing_ = false;
+      VeskJob::RefCountDec(job);
+    }
+  }
+  VeskJob::RefCountDec(job);
+  return ended ? 0 : RequestScope::Exceeded(services_.clock);
 }
 
 void Node::Discard() {
@@ -866,32 +917,39 @@ void Node::WriteFails(const WriteFailure& failure) { core_.failures.Tell(failure
 // ---- freshness ----
 
 int Node::CheckIfDue() {
-  if (IsCheckDue(WallSeconds(), gEnv->settings->refresh_interval)) CheckFreshness();
+  if (IsCheckDue(WallSeconds(), gEnv->settings->refresh_interval)) {
+    if (const int error = CheckFreshness()) return error;
+  }
   const bool fails = options_.when_unknown == UnknownPolicy::kFail;
   return fails && freshness_ == Freshness::kUnknown ? ESTALE : 0;
 }
 
-// One thread looks; others that need to know wait for what it learns.
-void Node::CheckFreshness() {
+// One thread looks; others that need to know wait for what it learns. Without memory to look the
+// request ends: it would go on with what may be wrong.
+int Node::CheckFreshness() {
+  if (const int error = AwaitResize()) return error;
   const WakeOnCancel wake(mutex_, checked_);
   {
     const MutexLock guard(mutex_);
     if (checking_) {
       while (checking_ && RequestScope::Wait(checked_, mutex_, services_.clock) == 0) {
       }
-      return;
+      return 0;
     }
     checking_ = true;
     asking_ = true;
   }
+  int error = 0;
   try {
     Look();
   } catch (const std::bad_alloc&) {
     core_.suspicious = true;  // it is not known, and the next request looks again
+    error = ENOMEM;
   }
   const MutexLock guard(mutex_);
   checking_ = asking_ = false;
   checked_.WakeAll();
+  return error;
 }
 
 void Node::Look() {

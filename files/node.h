@@ -111,7 +111,7 @@ class Node final : private CachedFile, private RangeOwner {
   bool broken() const { return core_.broken; }
   bool removed() const { return removed_; }
   bool written() const { return core_.own_writes > 0; }
-  bool idle() const { return core_.dirty == 0 && core_.in_flight == 0; }
+  bool idle() const { return core_.dirty == 0 && core_.in_flight == 0 && !resizing_; }
   std::uint64_t dirty() const { return core_.dirty; }
   std::uint64_t in_flight() const { return core_.in_flight; }
   WriteFailures& failures() { return core_.failures; }
@@ -230,13 +230,15 @@ class Node final : private CachedFile, private RangeOwner {
     if (freshness == Freshness::kGone || (freshness == Freshness::kUnknown && fails)) return true;
     if (core_.suspicious.load(std::memory_order_relaxed)) {
       // Not for every request, where the store does not answer.
-      return freshness != Freshness::kUnknown || checked_at != static_cast<long>(now);
+      return resizing_ || freshness != Freshness::kUnknown || checked_at != static_cast<long>(now);
     }
     return interval != 0 && static_cast<long>(now) - checked_at > interval;
   }
   int CheckIfDue();
+  int Resize(std::uint64_t size);
+  int AwaitResize();
   int Clear(Request& request);
-  void CheckFreshness();
+  int CheckFreshness();
   void Look();
   // While bytes of ours are on their way (not `quiet`), size and time say nothing about others.
   struct Sight {
@@ -257,7 +259,8 @@ class Node final : private CachedFile, private RangeOwner {
   Turn turn_;
 
   std::atomic<bool> removed_{false};
-  std::atomic<bool> stopped_{false};  // no write sets out
+  std::atomic<bool> resizing_{false};  // as resize_
+  std::atomic<bool> stopped_{false};   // no write sets out
   std::atomic<std::uint64_t> turns_{0};
 
   std::atomic<unsigned> checked_at_;  // WallSeconds()
@@ -274,7 +277,8 @@ class Node final : private CachedFile, private RangeOwner {
   Condition checked_;
   bool checking_ VESK_GUARDED_BY(mutex_) = false;
   bool abandoned_ VESK_GUARDED_BY(mutex_) = false;
-  FileInfo known_ VESK_GUARDED_BY(mutex_);  // of the store's file, when last looked at
+  VeskJob* resize_ VESK_GUARDED_BY(mutex_) = nullptr;  // that outlasts its request; one reference
+  FileInfo known_ VESK_GUARDED_BY(mutex_);             // of the store's file, when last looked at
   std::uint64_t known_writes_ VESK_GUARDED_BY(mutex_) = 0;  // own_writes at that time
 
   // Where a range was last found, by offset; it is looked at again under the range's lock.
