@@ -14,6 +14,7 @@ void Model::Reset(const std::string& bytes) {
   ++tick_;
   running_.clear();
   appends_.clear();
+  uncertain_ = false;
   bytes_.assign(kMostBytes + 1, {});
   for (std::uint64_t i = 0; i < bytes_.size(); ++i) {
     bytes_[i].push_back({At(bytes, i), 0, tick_});
@@ -108,7 +109,11 @@ std::string Model::EndAppend(Id id, std::uint64_t offset) {
   if (!MayBe(offset, kNone, request.began) && appends_.empty()) {
     return "an append has landed at " + std::to_string(offset) + ", before the end of the file";
   }
-  for (std::uint64_t i = 0; i < offset; ++i) Overwrite(i, request, id, true);
+  for (std::uint64_t i = 0; i < offset; ++i) {
+    // The store may have cut its file and said that it had not, and not have been heard since.
+    if (uncertain_ && MayBe(i, kNone, request.began)) Add(i, 0, id);
+    Overwrite(i, request, id, true);
+  }
   for (std::uint64_t i = offset; i < request.end; ++i) {
     Add(i, At(request.bytes, i - offset), id);
     Overwrite(i, request, id, false);
@@ -133,6 +138,9 @@ void Model::FailAppend(Id id) {
     const bool may_end =
         MayBe(i, kNone, request.began) && (i == 0 || MayBeThere(i - 1, request.began));
     for (std::uint64_t k = 0; may_end && k <= others; ++k) places.insert(i + k);
+  }
+  for (std::uint64_t i = 0; uncertain_ && i < kMostBytes; ++i) {
+    if (MayBe(i, kNone, request.began)) Add(i, 0, id);
   }
   for (const std::uint64_t place : places) {
     for (std::uint64_t k = 0; k < request.bytes.size() && place + k < kMostBytes; ++k) {
@@ -160,6 +168,7 @@ Model::Id Model::BeginTruncate(std::uint64_t size) {
 void Model::EndTruncate(Id id, Outcome outcome) {
   ++tick_;
   const Request request = running_.at(id);
+  if (outcome == Outcome::kPerhaps || outcome == Outcome::kPerhapsLater) uncertain_ = true;
   if (outcome == Outcome::kPerhapsLater) return;
   running_.erase(id);
   for (std::uint64_t i = 0; i < bytes_.size(); ++i) {

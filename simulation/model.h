@@ -113,6 +113,7 @@ class Model {
   std::map<Id, Request> running_;
   std::map<Id, Request> appends_;  // at places that are not known
   std::multiset<Tick> readers_;
+  bool uncertain_ = false;  // a truncation may have taken place
   std::uint64_t verified_ = 0;
 };
 

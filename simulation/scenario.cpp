@@ -36,6 +36,8 @@ const std::vector<Field>& Fields() {
       {"background", &Shape::background, {0, 1}},
       {"withdraws", &Shape::withdraws, {0, 1}},
       {"chance", &Shape::chance, {}},
+      {"eager", &Shape::eager, {0}},
+      {"lies", &Shape::lies, {0}},
   };
   return fields;
 }

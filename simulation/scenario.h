@@ -45,6 +45,14 @@ struct Step {
   std::uint32_t c = 0;
 };
 
+// With each of these the checks have to fail.
+enum class Lie : std::uint32_t {
+  kNone,
+  kSync,   // says that it has made a file durable, and has not
+  kWrite,  // now and then says that it has written, and has not
+  kRead,   // now and then changes a byte
+};
+
 // One table says what is drawn and how it is written (scenario.cpp).
 struct Shape {
   std::uint32_t clients = 2;
@@ -63,6 +71,8 @@ struct Shape {
   std::uint32_t background = 0;
   std::uint32_t withdraws = 0;
   std::uint32_t chance = 0;  // what a crash keeps, and the contents
+  std::uint32_t eager = 0;   // after each step everything runs that can
+  std::uint32_t lies = 0;    // of the store, which nobody can make up for: see Lie
 };
 
 struct Scenario {

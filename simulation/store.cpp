@@ -131,6 +131,7 @@ int SimulatedStore::Transfer(const VeskJob& job) {
   File* const file = Lookup(transfer.name);
   if (file == nullptr) return ENOENT;
   if (transfer.is_write) {
+    if (Lies(Lie::kWrite)) return 0;
     Write(*file, transfer.offset,
           std::string(reinterpret_cast<const char*>(transfer.data), transfer.length));
     return 0;
@@ -138,6 +139,7 @@ int SimulatedStore::Transfer(const VeskJob& job) {
   const std::uint64_t from = std::min<std::uint64_t>(transfer.offset, file->bytes.size());
   const std::size_t count = std::min<std::size_t>(transfer.length, file->bytes.size() - from);
   std::memcpy(transfer.data, file->bytes.data() + from, count);
+  if (count > 0 && Lies(Lie::kRead)) transfer.data[count / 2] ^= 1;
   transfer.StoreCount(count);
   return count == 0 ? vesk::RC_EOF : 0;  // short of all, it is an end like others
 }
@@ -168,6 +170,7 @@ int SimulatedStore::OnName(const VeskJob& job) {
     case vesk::OPCODE_OPEN: return 0;
     case vesk::OPCODE_TRUNCATE: Resize(*file, operation.number); return 0;
     case vesk::OPCODE_SYNC:
+      if (lie_ == Lie::kSync) return 0;
       file->durable = file->bytes;
       file->changes.clear();
       return 0;

@@ -12,6 +12,7 @@
 
 #include "runtime/backend.h"
 #include "runtime/random.h"
+#include "simulation/scenario.h"
 
 namespace vesk_simulation {
 
@@ -42,7 +43,7 @@ class SimulatedStore final : public vesk::VeskBackend {
   };
 
   // `withdraws`: gives jobs back that it has not begun.
-  explicit SimulatedStore(bool withdraws) : withdraws_(withdraws) {}
+  SimulatedStore(bool withdraws, Lie lie) : withdraws_(withdraws), lie_(lie) {}
 
   void Start(vesk::JobQueue& jobs) override;
   bool Withdraw(vesk::VeskJob* job) override;
@@ -76,6 +77,7 @@ class SimulatedStore final : public vesk::VeskBackend {
   const Counts& counts() const { return counts_; }
 
  private:
+  bool Lies(Lie lie) const { return lie_ == lie && counts_.jobs % 3 == 0; }
   void Take(vesk::VeskJob* job);
   int Perform(const vesk::VeskJob& job);
   int Transfer(const vesk::VeskJob& job);
@@ -86,6 +88,7 @@ class SimulatedStore final : public vesk::VeskBackend {
   File* Lookup(const std::string& name);
 
   const bool withdraws_;
+  const Lie lie_;
   int cancelled_ = 0;
   std::vector<vesk::VeskJob*> waiting_;
   std::map<std::string, std::shared_ptr<File>> files_;

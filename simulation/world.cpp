@@ -84,7 +84,7 @@ World* World::current = nullptr;
 
 World::Machine::Machine(const Shape& shape, vesk::Clock& clock,
                         std::map<std::string, std::shared_ptr<SimulatedStore::File>> stored)
-    : env{&pool, &logger, &settings}, store(shape.withdraws != 0) {
+    : env{&pool, &logger, &settings}, store(shape.withdraws != 0, static_cast<Lie>(shape.lies)) {
   store.Restore(std::move(stored));
   settings.refresh_interval = static_cast<int>(shape.refresh);
   settings.retry_first_delay_ms = 1;
@@ -170,14 +170,12 @@ std::string World::Run() {
   Start(std::move(stored));
   // A store that answers too late cannot tell whether its file has changed.
   if (shape.fail_unknown != 0 && shape.refresh != 0) troubled_ = true;
-  if (plan_.nth > 0) {
-    no_memory_ = troubled_ = true;
-    failing_ = std::make_unique<vesk_test::FailingAllocation>(plan_.nth, plan_.for_ever);
-  }
+  if (plan_.nth > 0) FailAllocation(plan_.nth, plan_.for_ever);
   const Fibers::Time begin = fibers_.now;
   for (const Step& step : scenario_.steps) {
     if (!failure_.empty()) break;
-    Perform(step);
+    idle_step_ = !Perform(step);
+    if (shape.eager != 0) RunAll();
     ++totals_.steps;
     CheckInvariants();
     if (on_step) on_step(step, *this);
@@ -266,11 +264,7 @@ bool World::Idle() const {
 }
 
 void World::Finish() {
-  if (failing_ != nullptr && failing_->Fired()) {
-    reached_ = true;
-    ++totals_.no_memory;
-  }
-  failing_.reset();
+  FailAllocation(0, false);
   Settle([this] { return Idle(); }, "the end of a request");
   for (const std::unique_ptr<Client>& client : clients_) {
     if (!failure_.empty() || client->handle == nullptr || client->file->lost) continue;
@@ -360,54 +354,75 @@ std::string World::Describe() const {
 
 // ---- steps ----
 
-void World::Perform(const Step& step) {
+// False: there was nothing to do.
+bool World::Perform(const Step& step) {
+  Client& client = *clients_[step.who % clients_.size()];
   switch (step.what) {
     case Do::kRun: {
       const std::vector<Fibers::Id> runnable = fibers_.Runnable();
-      if (!runnable.empty()) fibers_.Run(runnable[step.who % runnable.size()], PointsOf(step));
-      return;
+      if (runnable.empty()) return false;
+      fibers_.Run(runnable[step.who % runnable.size()], PointsOf(step));
+      return true;
     }
     case Do::kEnd: return EndJob(step);
     case Do::kAdvance: {
       constexpr std::array<std::int64_t, 4> kTimes = {1, 30, 1000, 70'000};
       fibers_.now += milliseconds(kTimes[step.a % kTimes.size()]);
-      return;
+      return true;
     }
-    case Do::kWall: return JumpWall(step);
-    case Do::kCancel: {
-      Client& client = *clients_[step.who % clients_.size()];
-      if (client.token == nullptr) return;
-      troubled_ = true;
-      ++totals_.cancels;
-      const Fibers::Id id = fibers_.Start(
-          [&client] {
-            if (client.token != nullptr) client.token->Cancel();
-          },
-          "cancel");
-      // To its end, or the token may be gone.
-      Settle([this, id] { return fibers_.Ended(id); }, "a cancel");
-      return;
-    }
-    case Do::kFailAllocation:
-      if (failing_ != nullptr && failing_->Fired()) ++totals_.no_memory;
-      failing_.reset();
-      no_memory_ = troubled_ = true;
-      failing_ = std::make_unique<vesk_test::FailingAllocation>(1 + step.a % 64);
-      return;
-    case Do::kCrash: return Crash(step);
+    case Do::kWall: JumpWall(step); return true;
+    case Do::kCancel: return Cancel(client);
+    case Do::kFailAllocation: FailAllocation(1 + step.a % 64, false); return true;
+    case Do::kCrash: Crash(step); return true;
     default: {
-      Client& client = *clients_[step.who % clients_.size()];
-      if (client.fiber == 0) Begin(client, step);
-      if (client.fiber != 0 && fibers_.CanRun(client.fiber)) {
-        fibers_.Run(client.fiber, PointsOf(step));
-      }
+      const bool begins = client.fiber == 0;
+      if (begins) Begin(client, step);
+      if (!fibers_.CanRun(client.fiber)) return begins;
+      fibers_.Run(client.fiber, PointsOf(step));
+      return true;
     }
   }
 }
 
-void World::EndJob(const Step& step) {
+bool World::Cancel(Client& client) {
+  if (client.token == nullptr) return false;
+  troubled_ = true;
+  ++totals_.cancels;
+  // To its end, or the token may be gone.
+  Await(
+      [&client] {
+        if (client.token != nullptr) client.token->Cancel();
+      },
+      "a cancel");
+  return true;
+}
+
+// nth 0: none fails any more.
+void World::FailAllocation(long nth, bool for_ever) {
+  if (failing_ != nullptr && failing_->Fired()) {
+    reached_ = true;
+    ++totals_.no_memory;
+  }
+  failing_.reset();
+  if (nth == 0) return;
+  no_memory_ = troubled_ = true;
+  failing_ = std::make_unique<vesk_test::FailingAllocation>(nth, for_ever);
+}
+
+// Everything runs that can.
+void World::RunAll() {
+  for (unsigned round = 0; round < kRounds; ++round) {
+    const std::vector<Fibers::Id> runnable = fibers_.Runnable();
+    if (runnable.empty()) return;
+    for (const Fibers::Id id : runnable) {
+      if (fibers_.CanRun(id)) fibers_.Run(id, kAnyNumber);
+    }
+  }
+}
+
+bool World::EndJob(const Step& step) {
   const std::size_t waiting = machine_->store.waiting();
-  if (waiting == 0) return;
+  if (waiting == 0 || (scenario_.shape.eager != 0 && step.who >= waiting)) return false;
   const std::size_t index = step.who % waiting;
   auto how = static_cast<Ending>(step.b % 4);
   ++jobs_ended_;
@@ -419,6 +434,7 @@ void World::EndJob(const Step& step) {
   if (how != Ending::kWell) troubled_ = true;
   const int error = kErrors[step.a % kErrors.size()];
   fibers_.Run(StartEnd(index, how, error), PointsOf(step));
+  return true;
 }
 
 Fibers::Id World::StartEnd(std::size_t index, Ending how, int error) {
@@ -443,8 +459,7 @@ void World::JumpWall(const Step& step) {
 
 void World::Crash(const Step& step) {
   ++totals_.crashes;
-  if (failing_ != nullptr && failing_->Fired()) ++totals_.no_memory;
-  failing_.reset();
+  FailAllocation(0, false);
   vesk::Random random(scenario_.shape.chance + step.a * 1000003ull);
   auto stored = machine_->store.Crash(random);
   for (const std::unique_ptr<File>& file : files_) {
@@ -469,6 +484,7 @@ void World::Crash(const Step& step) {
   for (const std::unique_ptr<File>& file : files_) {
     file->model.Reset(stored[file->name]->bytes);
     file->lost = file->discarded = false;
+    file->late.clear();
   }
   Start(std::move(stored));
 }
@@ -512,6 +528,23 @@ void World::Begin(Client& client, const Step& step) {
 }
 
 void World::Request(Client& client, const Step& step) {
+  const std::vector<Model::Id> late = client.file->late;
+  client.well = false;
+  Carry(client, step);
+  // What has begun after a truncation that had no more time has waited for its end.
+  const bool waits = step.what == Do::kRead || step.what == Do::kWrite ||
+                     step.what == Do::kAppend || step.what == Do::kTruncate;
+  if (!waits || !client.well || client.file->lost) return;
+  for (const Model::Id id : late) {
+    std::vector<Model::Id>& all = client.file->late;
+    const auto place = std::find(all.begin(), all.end(), id);
+    if (place == all.end()) continue;
+    all.erase(place);
+    client.file->model.EndTruncate(id, Model::Outcome::kPerhaps);
+  }
+}
+
+void World::Carry(Client& client, const Step& step) {
   if (step.what == Do::kReopen) return Reopen(client);
   if (client.handle == nullptr) return Open(client);
   vesk::FileHandle& handle = *client.handle;
@@ -538,6 +571,7 @@ void World::Request(Client& client, const Step& step) {
 bool World::Judge(Client& client, const Status& status) {
   if (on_end) on_end(client.file->name + ": " + client.doing + ": " + status.Message());
   if (client.handle != nullptr && client.handle->Broken()) Note(client);
+  client.well = status.ok();
   if (status.ok()) return true;
   ++totals_.failed_requests;
   if (!troubled_) Fail("an error without a cause: " + status.Message());
@@ -611,6 +645,7 @@ void World::Truncate(Client& client, const Step& step) {
   const bool ok = Judge(client, status);
   if (client.file->lost) return;
   const bool limits = status.error() == ETIMEDOUT || status.error() == ECANCELED;
+  if (limits) client.file->late.push_back(id);
   model.EndTruncate(id, ok       ? Model::Outcome::kDone
                         : limits ? Model::Outcome::kPerhapsLater
                                  : Model::Outcome::kPerhaps);

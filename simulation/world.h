@@ -70,6 +70,9 @@ class World {
 
   const Totals& totals() const { return totals_; }
 
+  // There was nothing to do in the last step.
+  bool idle_step() const { return idle_step_; }
+
   // The plan's allocation or job has been asked for.
   bool reached() const { return reached_; }
 
@@ -86,8 +89,9 @@ class World {
   struct File {
     std::string name;
     Model model;
-    bool lost = false;       // of no more use until it is opened anew: a check has failed
-    bool discarded = false;  // bytes were given up
+    bool lost = false;              // of no more use until it is opened anew: a check has failed
+    bool discarded = false;         // bytes were given up
+    std::vector<Model::Id> late{};  // truncations that have outlasted their requests
   };
   struct Client {
     File* file = nullptr;
@@ -95,6 +99,7 @@ class World {
     Fibers::Id fiber = 0;  // 0: idle
     vesk::CancelToken* token = nullptr;
     std::string doing;
+    bool well = false;  // how its last request has ended
   };
   class SimulatedClock;
 
@@ -116,9 +121,13 @@ class World {
     std::unique_ptr<vesk::FileSystem> files;
   };
 
-  void Perform(const Step& step);
+  bool Perform(const Step& step);
+  bool Cancel(Client& client);
+  void FailAllocation(long nth, bool for_ever);
+  void RunAll();
   void Begin(Client& client, const Step& step);
   void Request(Client& client, const Step& step);
+  void Carry(Client& client, const Step& step);
   void Read(Client& client, const Step& step);
   void Write(Client& client, const Step& step);
   void Append(Client& client, const Step& step);
@@ -131,7 +140,7 @@ class World {
   bool Judge(Client& client, const vesk::Status& status);
   void Note(Client& client);
 
-  void EndJob(const Step& step);
+  bool EndJob(const Step& step);
   Fibers::Id StartEnd(std::size_t index, Ending how, int error);
   void JumpWall(const Step& step);
   void Crash(const Step& step);
@@ -153,6 +162,7 @@ class World {
   Totals totals_;
   std::string failure_;
   bool reached_ = false;
+  bool idle_step_ = false;
   bool troubled_ = false;  // something was made to fail: errors have a cause
   bool no_memory_ = false;
   bool ending_ = false;
