@@ -224,14 +224,11 @@ class Node final : private CachedFile, private RangeOwner {
   // A request begins: the store's file is looked at when that was last done longer ago than the
   // setting refresh-interval.
   bool IsCheckDue(unsigned now, int interval) const {
+    if (core_.suspicious.load(std::memory_order_relaxed)) return true;
     const Freshness freshness = freshness_.load(std::memory_order_relaxed);
-    const long checked_at = checked_at_.load(std::memory_order_relaxed);
     const bool fails = options_.when_unknown == UnknownPolicy::kFail;
     if (freshness == Freshness::kGone || (freshness == Freshness::kUnknown && fails)) return true;
-    if (core_.suspicious.load(std::memory_order_relaxed)) {
-      // Not for every request, where the store does not answer.
-      return resizing_ || freshness != Freshness::kUnknown || checked_at != static_cast<long>(now);
-    }
+    const long checked_at = checked_at_.load(std::memory_order_relaxed);
     return interval != 0 && static_cast<long>(now) - checked_at > interval;
   }
   int CheckIfDue();
