@@ -43,11 +43,14 @@ int RunText(const std::string& text, bool verbose) {
 int main(int argc, char** argv) {
   std::uint64_t from = 1;
   std::uint64_t count = 1000;
+  double minutes = 0;
   std::string text;
   bool verbose = false;
   CLI::App app("Runs the file-access layer in a simulated world");
   app.add_option("--from", from, "the first seed")->check(CLI::PositiveNumber);
-  app.add_option("--count", count, "how many seeds");
+  app.add_option("--count", count, "how many seeds (1000)");
+  app.add_option("--minutes", minutes, "as many seeds as fit in this time instead")
+      ->check(CLI::PositiveNumber);
   app.add_option("--scenario", text, "run this one, as a failure prints it");
   bool print = false;
   app.add_flag("--print", print, "print the scenario of the first seed, and run nothing");
@@ -56,9 +59,13 @@ int main(int argc, char** argv) {
   try {
     if (print) return std::puts(ToText(FromSeed(from)).c_str()) < 0 ? 1 : 0;
     if (!text.empty()) return RunText(text, verbose);
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double, std::ratio<60>>(minutes));
+    const auto go_on = [&] { return minutes == 0 || Clock::now() < end; };
+    const std::uint64_t to = minutes == 0 ? from + count : ~std::uint64_t{0};
     Totals totals;
-    const std::uint64_t failed = RunSeeds(
-        from, from + count, [] { return true; }, &totals);
+    const std::uint64_t failed = RunSeeds(from, to, go_on, &totals);
     std::printf("\r%s\n", ToText(totals).c_str());
     return failed == 0 ? 0 : ReportSeed(failed);
   } catch (const std::exception& failure) {
