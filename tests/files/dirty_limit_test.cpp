@@ -133,6 +133,14 @@ TEST_F(DirtyLimitTest, AtTheHardLimitWritersWaitUntilBytesAreStored) {
   EXPECT_TRUE(writer.Await());
 }
 
+TEST_F(DirtyLimitTest, AWriterWithoutAPauseWhoDoesNotFitHasEverythingWrittenOutAtOnce) {
+  MakeDirty(100);
+  Task writer([&] { MakeDirty(150); });
+  EXPECT_TRUE(AwaitToldHard());
+  limit_.Sub(100);
+  EXPECT_TRUE(writer.Await());
+}
+
 TEST_F(DirtyLimitTest, WaitsEndWithTheDeadlineOrWhenTheyAreCalledOff) {
   MakeDirty(100);
   MakeDirty(100);

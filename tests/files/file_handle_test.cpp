@@ -19,6 +19,7 @@
 
 #include "tests/files/file_world.h"
 #include "tests/support/allocation.h"
+#include "tests/support/task.h"
 #include "tests/support/temporary_directory.h"
 
 namespace vesk_test {
@@ -125,7 +126,9 @@ TEST_P(FileHandleTest, OpenCanBeginWithNoBytes) {
 TEST_P(FileHandleTest, AHandleForReadingRefusesWhatChangesTheFile) {
   Put("a", "bytes");
   FileHandle& file = Open("a", {});
-  Write(file, "x", 0, EBADF);
+  std::size_t moved = 7;
+  EXPECT_EQ(file.WriteAt("x", 1, 0, &moved).error(), EBADF);
+  EXPECT_EQ(moved, 0u);
   Write(file, "x", 100, EBADF);
   EXPECT_EQ(file.Append("x", 1).error(), EBADF);
   EXPECT_EQ(file.Truncate(0).error(), EBADF);
@@ -134,6 +137,38 @@ TEST_P(FileHandleTest, AHandleForReadingRefusesWhatChangesTheFile) {
   EXPECT_TRUE(file.Sync().ok());
   EXPECT_TRUE(file.Close().ok());
   EXPECT_EQ(Stored("a"), "bytes");
+}
+
+TEST_P(FileHandleTest, AFileThatMayNotBeWrittenIsNotOpenedForWriting) {
+  Put("a", "bytes");
+  world_.script.Hold({vesk::kFaultOpen});
+  int error = 0;
+  Task opening([&] { error = TryOpen("a", FileWorld::Writing(false)).error(); });
+  world_.script.AwaitHeld(1);
+  world_.script.EndOne(0, 0);  // it may be read
+  world_.script.AwaitHeld(1);
+  world_.script.EndOne(0, EROFS);
+  EXPECT_TRUE(opening.Await());
+  EXPECT_EQ(error, EROFS);
+}
+
+TEST(OptionsFromTest, EverySettingReachesItsOption) {
+  vesk::Settings settings;
+  settings.memory = 1001;
+  settings.block_size = 1002;
+  settings.read_ahead = 3;
+  settings.dirty_soft = 1004;
+  settings.dirty_hard = 1005;
+  settings.dirty_age_ms = 1006;
+  settings.when_unknown = vesk::UnknownPolicy::kFail;
+  const FileSystemOptions options = vesk::OptionsFrom(settings);
+  EXPECT_EQ(options.memory, 1001u);
+  EXPECT_EQ(options.block_size, 1002u);
+  EXPECT_EQ(options.read_ahead, 3u);
+  EXPECT_EQ(options.dirty_soft, 1004u);
+  EXPECT_EQ(options.dirty_hard, 1005u);
+  EXPECT_EQ(options.dirty_age, milliseconds(1006));
+  EXPECT_EQ(options.when_unknown, vesk::UnknownPolicy::kFail);
 }
 
 TEST_P(FileHandleTest, AClosedHandleTakesNoMoreRequests) {

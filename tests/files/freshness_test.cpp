@@ -308,6 +308,24 @@ TEST_F(FreshnessTest, BytesThatAreNotCachedAreNotMadeUpWhenTheStoreCannotTell) {
   EXPECT_EQ(file.Size(), 500u);
 }
 
+// Though the file's size and time are those of before, and the bytes not old.
+TEST_F(FreshnessTest, WhatWasFetchedMeanwhileIsFetchedAgainOnceTheStoreCanTell) {
+  FileHandle& file = world_.Open("a");
+  World::Read(file, 0, 10);
+  world_.script.Fail({vesk::kFaultStat}, EIO);
+  Pass();
+  World::Read(file, 0, 10);
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kUnknown);
+  Pass(kInterval / 2);
+  EXPECT_EQ(World::Read(file, 300, 10), old_.substr(300, 10));
+  world_.script.Heal();
+  const std::uint64_t reads = world_.script.Count(vesk::kFaultRead);
+  Pass(kInterval / 2 + 10);
+  EXPECT_EQ(World::Read(file, 300, 10), old_.substr(300, 10));
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+  EXPECT_GT(world_.script.Count(vesk::kFaultRead), reads);
+}
+
 TEST_F(FreshnessTest, ByPolicyRequestsFailWhenTheStoreCannotTell) {
   world_.options.when_unknown = UnknownPolicy::kFail;
   FileHandle& file = world_.Open("a");
@@ -320,6 +338,9 @@ TEST_F(FreshnessTest, ByPolicyRequestsFailWhenTheStoreCannotTell) {
   EXPECT_NE(file.ReadAt(bytes.data(), 10, 0, &moved).error(), 0);
   EXPECT_EQ(moved, 0u);
   EXPECT_NE(file.WriteAt("x", 1, 0).error(), 0);
+  const vesk::Status append = file.Append("x", 1);
+  EXPECT_NE(append.error(), 0);
+  EXPECT_EQ(append.context().find("write-back"), std::string::npos) << append.context();
   world_.script.Heal();
   EXPECT_EQ(World::Read(file, 0, 600), old_) << "at once: each request asks";
 }

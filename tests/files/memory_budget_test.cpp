@@ -46,12 +46,14 @@ class Holder final : public MemoryBudget::Source {
   std::size_t size() const { return stamps_.size(); }
 
   std::atomic<bool> busy{false};
+  bool lowers = false;             // it gets the oldest block of all while it evicts
   std::atomic<unsigned> asked{0};  // times that it had to evict
 
  private:
   Left Evict(std::uint64_t bytes, std::uint64_t newest) override {
     Left left;
     ++asked;
+    if (std::exchange(lowers, false)) budget_.Lower(*this, 0);
     if (busy) return left;
     while (left.freed < bytes && !stamps_.empty() && stamps_.front() <= newest) {
       stamps_.erase(stamps_.begin());
@@ -129,6 +131,51 @@ TEST_F(MemoryBudgetTest, ASourceThatIsBusyIsPassedOver) {
   a.busy = false;
   EXPECT_EQ(memory.Reserve(9), 0);
   EXPECT_EQ(a.size(), 1u);
+}
+
+TEST_F(MemoryBudgetTest, SourcesAreAskedForAsLongAsTheyGiveSomething) {
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  for (unsigned i = 0; i < 5; ++i) {
+    a.Make();
+    b.Make();
+  }
+  Reservation memory(budget_);
+  memory.TakeUpTo(10);
+  EXPECT_EQ(memory.bytes(), 10u);
+  EXPECT_GE(a.asked + b.asked, 10u) << "they take turns, since each has the next older block";
+}
+
+TEST_F(MemoryBudgetTest, ASourceThatGetsAnOlderBlockWhileItEvictsIsAskedFirstAfterwards) {
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  for (Holder* const holder : {&a, &a, &a, &b, &b, &b, &b, &a, &a, &a}) holder->Make();
+  a.lowers = true;
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(3), 0);
+  EXPECT_EQ(a.asked, 1u);
+  EXPECT_EQ(memory.Reserve(4), 0);
+  EXPECT_EQ(a.asked, 2u) << "though its oldest block is younger than those of the other one";
+}
+
+TEST_F(MemoryBudgetTest, TakeUpToTakesNothingFromAnybodyWhileOthersWait) {
+  Holder a(budget_, "a", &evicted_);
+  for (unsigned i = 0; i < 4; ++i) a.Make();
+  a.busy = true;
+  Reservation mine(budget_);
+  ASSERT_EQ(mine.Reserve(6), 0);
+  Task waiter([&] {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(2), 0);
+  });
+  clock_.AwaitWaiters(1);
+  a.busy = false;
+  Reservation small(budget_);
+  small.TakeUpTo(4);
+  EXPECT_EQ(small.bytes(), 0u);
+  EXPECT_EQ(a.size(), 4u);
+  budget_.Changed();
+  EXPECT_TRUE(waiter.Await());
 }
 
 TEST_F(MemoryBudgetTest, TakeUpToTakesHalvesAndDoesNotWait) {

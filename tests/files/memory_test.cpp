@@ -342,6 +342,15 @@ TEST_F(DirtyTest, WritersWaitAtTheHardLimitUntilBytesAreStored) {
   EXPECT_EQ(world_.Stored("file"), std::string(12 * kPage, 'x'));
 }
 
+TEST_F(DirtyTest, WhereNothingIsOnItsWayTheSoftLimitWritesOutTheNewestBytesAsWell) {
+  FileHandle& file = Begin("file");
+  // Towards the beginning of the file: a write that passes a dirty block would ship it.
+  for (std::uint64_t page = 4; page > 0; --page) FileWorld::Write(file, PageOf('x'), page * kPage);
+  EXPECT_EQ(world_.script.Count(vesk::kFaultWrite), 0u);
+  FileWorld::Write(file, PageOf('y'), 0);  // at the soft limit itself: no pause
+  EXPECT_GT(world_.script.Count(vesk::kFaultWrite), 0u);
+}
+
 TEST_F(DirtyTest, AWriterAtTheHardLimitEndsWithItsDeadlineAndLosesNothing) {
   world_.options.dirty_soft = world_.options.dirty_hard;
   FileHandle& file = Begin("file");

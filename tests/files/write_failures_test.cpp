@@ -64,6 +64,21 @@ TEST_F(WriteFailuresTest, AnErrorThatWasToldIsNoNewsWhenTheWriteEndsWithIt) {
   EXPECT_EQ(failures_.TakeNews(&seen), EIO);
 }
 
+TEST_F(WriteFailuresTest, AWriteThatIsGivenUpIsNewsUnlessItsErrorWasTold) {
+  const auto give_up = [this](int error) {
+    failures_.Tell(WriteFailure{name_, 100, 10, error, true, 2, true});
+  };
+  Seen seen{failures_.count()};
+  Tell(100, EIO);
+  EXPECT_EQ(failures_.TakeNews(&seen), EIO);
+  give_up(EIO);
+  EXPECT_EQ(failures_.TakeNews(&seen), 0);
+  Tell(100, EIO);
+  EXPECT_EQ(failures_.TakeNews(&seen), EIO) << "it fails again";
+  give_up(ENOSPC);
+  EXPECT_EQ(failures_.TakeNews(&seen), ENOSPC);
+}
+
 TEST_F(WriteFailuresTest, KnowsWhichWritesAreFailingNow) {
   EXPECT_EQ(failures_.At(100), 0);
   Tell(100, EIO);

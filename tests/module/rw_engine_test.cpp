@@ -1035,13 +1035,13 @@ TEST_F(RwDiscardTest, LastBlockPullsTheEndBackToTheDataOfABlockBeingWritten) {
 }
 
 TEST_F(RwDiscardTest, FirstBlockMovesTheStartToTheNextAndKeepsTheEnd) {
-  AddStale(4096, 4096, 4096);
+  AddStale(4096, 4096, 3000);
   Add(stream, 8192, 4096, 1000, VALID);
   SetRange(4096, 8192);
   EXPECT_EQ(Thrown([&] { Read(5000, 50); }), 1000);
-  ExpectLog({"Debug 520 f Finding buffer B_O:4096 B_L:4096 B_DL:4096 O:5000 L:50 S:0 ST:4\n",
-             "Debug 650 f Delete Buf2 B_O:4096 B_L:4096 B_DL:4096 S:2\n",
-             "Debug 679 f Shrinking B_O:4096 B_L:4096 B_DL:4096 NB_O:8192 NB_L:1000\n"});
+  ExpectLog({"Debug 520 f Finding buffer B_O:4096 B_L:4096 B_DL:3000 O:5000 L:50 S:0 ST:4\n",
+             "Debug 650 f Delete Buf2 B_O:4096 B_L:4096 B_DL:3000 S:2\n",
+             "Debug 679 f Shrinking B_O:4096 B_L:4096 B_DL:3000 NB_O:8192 NB_L:1000\n"});
   ASSERT_EQ(stream.buffers.size(), 1u);
   EXPECT_EQ(block(0)->off, 8192u);
   EXPECT_EQ(block(0)->skip, 0u);

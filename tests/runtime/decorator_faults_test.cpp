@@ -399,6 +399,8 @@ TEST_F(FaultsTest, AHeldJobIsPerformedWhenFaultsAreSwitchedOff) {
   VeskJob* const first = SubmitWrite("f");
   VeskJob* const second = SubmitWrite("f");
   EXPECT_EQ(Write("f"), 0) << "the rule has recovered, which frees nobody";
+  faults.SetOn(true);
+  EXPECT_EQ(Write("f"), 0) << "nor does switching on what is on";
   EXPECT_EQ(first->GetJobState(), vesk::JOB_STATE_SUBMITTED);
   faults.SetOn(false);
   EXPECT_EQ(Result(first), 0);

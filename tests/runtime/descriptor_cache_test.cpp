@@ -11,9 +11,11 @@
 #include <chrono>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 
+#include "tests/support/allocation.h"
 #include "tests/support/temporary_directory.h"
 
 namespace vesk_test {
@@ -36,6 +38,12 @@ class DescriptorCacheTest : public ::testing::Test {
     return cache_.Find({directory_ / name, opened_for});
   }
   static bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
+  // Of a descriptor that is opened next: one that stays open takes it.
+  static int NextNumber() {
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(fd);
+    return fd;
+  }
 
   const TemporaryDirectory directory_;
   vesk::DescriptorCache cache_{2};
@@ -65,6 +73,29 @@ TEST_F(DescriptorCacheTest, ReadersAndWritersHaveTheirOwn) {
 TEST_F(DescriptorCacheTest, NoDescriptorIsInheritedByAProgramThatIsStarted) {
   EXPECT_NE(fcntl(Open("a")->fd(), F_GETFD) & FD_CLOEXEC, 0);
   EXPECT_NE(fcntl(Open("a", OpenFor::kWrite)->fd(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST_F(DescriptorCacheTest, WithoutMemoryNothingStaysOpen) {
+  std::ofstream(directory_ / "a").flush();
+  const vesk::DescriptorCache::Key key(directory_ / "a", OpenFor::kRead);
+  const int number = NextNumber();
+  bool fired = true;
+  unsigned refused = 0;
+  for (long nth = 1; fired; ++nth) {
+    {
+      std::shared_ptr<const Descriptor> descriptor;
+      const FailingAllocation failing(nth);
+      try {
+        EXPECT_EQ(cache_.Get(key, &descriptor), 0);
+      } catch (const std::bad_alloc&) {
+        ++refused;
+      }
+      fired = failing.Fired();
+    }
+    cache_.Forget(key.first);
+    EXPECT_EQ(NextNumber(), number) << "allocation " << nth;
+  }
+  EXPECT_GT(refused, 0u);
 }
 
 TEST_F(DescriptorCacheTest, AFileThatCannotBeOpenedIsAnErrnoAndNoEntry) {

@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -269,6 +270,19 @@ TEST_F(LoggerTest, LogsErrorsToStandardErrorUnlessTold) {
   Logger logger{Logger::Options()};
   EXPECT_EQ(WithoutTimes(StandardErrorOf([&] { LogOnEach(logger); })),
             Strings{"error VeskStream:520 at error"});
+}
+
+TEST_F(LoggerTest, ALineBeginsWithTheTimeOfItsMakingInUtc) {
+  Logger logger{Logger::Options()};
+  const std::time_t before = std::time(nullptr);
+  const Strings lines = StandardErrorOf([&] { LogOnEach(logger); });
+  const std::time_t after = std::time(nullptr);
+  ASSERT_EQ(lines.size(), 1u);
+  std::tm parts = {};
+  ASSERT_NE(strptime(lines[0].c_str(), "%Y-%m-%dT%H:%M:%S", &parts), nullptr);
+  const std::time_t made = timegm(&parts);
+  EXPECT_LE(before, made);
+  EXPECT_LE(made, after);
 }
 
 TEST_F(LoggerTest, MakesOneLineOfWhateverNewlinesTheTextHas) {
