@@ -956,9 +956,10 @@ void Node::Look() {
   const bool was_suspicious = core_.suspicious.exchange(false);
   Sight sight;
   const int error = See(&sight, false);
-  // A suspicion holds until the store has said what its file is.
-  if (error != 0 && was_suspicious) core_.suspicious = true;
-  if (RequestScope::Exceeded(services_.clock) != 0) return;  // this request's end, not the store's
+  // A suspicion holds until it is known what the store's file is.
+  const bool over = RequestScope::Exceeded(services_.clock) != 0;
+  if ((over || error != 0) && was_suspicious) core_.suspicious = true;
+  if (over) return;  // this request's end, not the store's
   Learn(error, sight, was_suspicious);
   checked_at_ = WallSeconds();
 }
