@@ -1014,8 +1014,8 @@ bool Node::IsChanged(const Sight& sight) const {
 }
 
 // Somebody else may have changed the store's file: what is clean is fetched again. False: it could
-// not be done now. The file is looked at once more while nobody writes: what is on its way then can
-// only make it as long as it is here, whenever it arrives.
+// not be done now. Where bytes of ours were on their way the file is looked at once more while nobody
+// writes: what is on its way then can only make it as long as it is here, whenever it arrives.
 bool Node::Forget(Sight* sight) {
   const Quiet quiet(*this, Quiet::What::kAsItIs);
   if (quiet.outcome().error != 0) return false;
@@ -1026,7 +1026,8 @@ bool Node::Forget(Sight* sight) {
     range->Collect();
     end = std::max(end, range->DirtyEnd());
   }
-  if (See(sight, true) != 0) return false;
+  const bool holds = sight->quiet && end == 0 && core_.own_writes == sight->writes;
+  if (!holds && See(sight, true) != 0) return false;
   for (Range* const range : RangesFrom(0)) {
     const RangeLock guard(range->lock);
     if (range->end() != 0 && !core_.broken) range->Forget();
