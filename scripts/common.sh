@@ -26,11 +26,13 @@ die() {
   exit 1
 }
 
-# build PRESET: configures and builds quietly; the whole output when it fails.
+# build PRESET [TARGET...]: configures and builds quietly, everything or these; the whole output when it
+# fails.
 build() {
-  local log="build/$1.log"
+  local preset=$1 log="build/$1.log"
+  shift
   mkdir -p build
-  if ! { cmake --preset "$1" && cmake --build --preset "$1"; } >"$log" 2>&1; then
+  if ! { cmake --preset "$preset" && cmake --build --preset "$preset" ${1+--target "$@"}; } >"$log" 2>&1; then
     cat "$log"
     exit 1
   fi
