@@ -258,11 +258,16 @@ TEST_F(MemoryTest, ReadAheadShrinksBeforeAnybodyWaits) {
   world_.script.Hold({vesk::kFaultRead, "writer", 0, ~std::uint64_t{0}});
   writer.Advise(Advice::kWillNeed, 40 * kPage, (kPages / 2 - 3) * kPage);
   EXPECT_GE(world_.files().GetStats().in_flight, (kPages - 3) * kPage);
+  // The least on the way: near the end of the file everything fits, and the window may grow again.
+  std::uint64_t window = 8u * kPage;
   Task task([&] {
-    for (std::uint64_t page = 1; page < 200; ++page) ReadPage(reader, page);
+    for (std::uint64_t page = 1; page < 200; ++page) {
+      ReadPage(reader, page);
+      window = std::min(window, reader.GetStats().window);
+    }
   });
   EXPECT_TRUE(task.Await()) << "the reader waits for memory that its window holds";
-  EXPECT_LE(reader.GetStats().window, 3u * kPage) << "more than what is free";
+  EXPECT_LE(window, 3u * kPage) << "more than what is free";
   EXPECT_LE(world_.files().memory_peak(), kPages * kPage);
   world_.script.Heal();
 }
