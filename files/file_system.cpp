@@ -132,12 +132,13 @@ std::shared_ptr<Node> FileSystem::Private::Attach(const std::string& name, const
                                                   std::uint64_t looked_at) {
   const MutexLock guard(mutex_);
   std::shared_ptr<Node> node = Find(name, info);
-  if (node == nullptr) {
+  const bool is_new = node == nullptr;
+  if (is_new) {
     if (renaming_ || looked_at != closed_) return nullptr;
     node = std::make_shared<Node>(services, store, memory, dirty, options, name, info);
-    nodes_.push_back(node);
   }
   node->names.insert(name);
+  if (is_new) nodes_.push_back(node);  // in the table at last: what follows needs no memory
   node->device = info.device;
   node->inode = info.inode;
   ++node->handles;
@@ -468,6 +469,7 @@ FileStats FileSystem::GetStats() const {
     sum.returned += file.returned;
     sum.streams += file.streams;
     sum.turns += file.turns;
+    sum.repeats = std::max(sum.repeats, file.repeats);
   }
   sum.throttled = self_->dirty.throttled();
   sum.throttled_time = self_->dirty.throttled_time();

@@ -322,17 +322,25 @@ int Node::Prepare(Next next, Request& request) {
       break;
     }
   }
-  if (++request.repeats < kPatience || request.turn.has() || request.who != &request) return 0;
+  if (request.turn.has() || request.who != &request) return 0;
+  if (Repeat(request) < kPatience) return 0;
   request.LetGo();
   const int error = request.turn.Take(request.who);
   if (error == 0) turns_.fetch_add(1, std::memory_order_relaxed);
   return error;
 }
 
+// How many times the request has been tried again without the turn.
+unsigned Node::Repeat(Request& request) {
+  ++request.repeats;
+  Raise(&repeats_, request.repeats);
+  return request.repeats;
+}
+
 // The store gave less than it should have: looks at its file, without the turn, which that may
 // need. What stays short for good is an error.
 int Node::Clear(Request& request) {
-  if (++request.repeats >= 2 * kPatience) return EIO;
+  if (Repeat(request) >= 2 * kPatience) return EIO;
   request.LetGo();
   request.turn.Give();
   if (const int error = CheckFreshness()) return error;
@@ -858,6 +866,10 @@ int Node::AwaitResize() {
 
 void Node::Discard() {
   if (services_.retry != nullptr) Abandon();
+  GiveUpUnsaved();
+}
+
+void Node::GiveUpUnsaved() {
   ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
     range.Collect();
     if (!core_.broken) range.Discard();
@@ -873,8 +885,12 @@ void Node::Abandon() {
   if (std::exchange(abandoned_, true)) services_.retry->KeepAgain(name);
 }
 
-Node::Quiet::Quiet(Node& node, What what) : node_(node), turn_(node.turn_) {
+Node::Quiet::Quiet(Node& node) : node_(node), turn_(node.turn_) {
   outcome_.error = turn_.Take(this);
+}
+
+// In two steps: without memory in the second one, the destructor lets writes set out again.
+Node::Quiet::Quiet(Node& node, What what) : Quiet(node) {
   if (outcome_.error != 0) return;
   node.Barrier(0);
   if (what == What::kDrained) outcome_ = node.DrainAll();
@@ -902,7 +918,7 @@ void Node::SetName(const std::string& name) {
 void Node::SetRemoved() {
   removed_ = true;
   if (services_.reaper != nullptr) services_.reaper->Remove(*this);  // its name may be another's
-  Discard();
+  GiveUpUnsaved();  // nothing is in flight, and no memory is needed
   core_.failures.Clear();
 }
 
@@ -1058,6 +1074,7 @@ FileStats Node::GetStats() const {
   stats.last_error = core_.failures.last_error();
   stats.fetched = core_.fetched;
   stats.turns = turns_;
+  stats.repeats = repeats_;
   stats.freshness = freshness_;
   Clock::Time oldest = Clock::kNever;
   for (Range* const range : RangesFrom(0)) {

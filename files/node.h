@@ -91,6 +91,8 @@ class Node final : private CachedFile, private RangeOwner {
     const Outcome& outcome() const { return outcome_; }
 
    private:
+    explicit Quiet(Node& node);
+
     Node& node_;
     Turn::Holder turn_;
     Outcome outcome_;
@@ -187,6 +189,7 @@ class Node final : private CachedFile, private RangeOwner {
   Outcome Serve(std::uint64_t offset, Piece& piece, Request& request);
   Next TryIn(std::uint64_t offset, Piece& piece, Request& request);
   int Prepare(Next next, Request& request);
+  unsigned Repeat(Request& request);
   int Await(Range& range, VeskJob* job, const char* tag, Request& request)
       VESK_REQUIRES(range.lock);
   Outcome WriteAll(const unsigned char* source, std::size_t length, std::uint64_t offset,
@@ -217,6 +220,7 @@ class Node final : private CachedFile, private RangeOwner {
   template <typename Work>
   int ByName(const Work& work);
   void Abandon();
+  void GiveUpUnsaved();
   template <typename Work>
   void ForEachActive(const Work& work) const;
   bool FindActive(std::uint64_t from, std::uint64_t* begin, Range** range) const;
@@ -259,6 +263,7 @@ class Node final : private CachedFile, private RangeOwner {
   std::atomic<bool> resizing_{false};  // as resize_
   std::atomic<bool> stopped_{false};   // no write sets out
   std::atomic<std::uint64_t> turns_{0};
+  std::atomic<std::uint64_t> repeats_{0};
 
   std::atomic<unsigned> checked_at_;  // WallSeconds()
   std::atomic<bool> asking_{false};   // as checking_

@@ -75,6 +75,7 @@ struct FileStats {
   std::uint64_t window = 0;     // bytes ahead of the reader that is furthest ahead
   std::uint64_t streams = 0;    // ranges that the file is divided into
   std::uint64_t turns = 0;      // requests that had to take the file's turn to be served
+  std::uint64_t repeats = 0;    // most tries again of a piece before it was served or took the turn
   std::uint64_t throttled = 0;  // writes slowed down or stopped by the limits for dirty bytes
   Clock::Duration throttled_time{};
   Freshness freshness = Freshness::kKnown;

@@ -104,6 +104,7 @@ Range::Range(FileCore& core, RangeOwner& owner) : core_(core), owner_(owner) {
 Range::~Range() {
   const RangeLock guard(lock);
   if (stream_ == nullptr) return;
+  if (core_.broken) LeaveAccounts();
   const bool busy = core_.broken || std::any_of(uses_.begin(), uses_.end(), [](const Use& use) {
                       return !IsIdleAndClean(*use.block);
                     });
