@@ -273,6 +273,7 @@ TEST_P(DurabilityTest, ACloseWithUnsavedBytesSaysSoAndTheHandleGoesOn) {
     status = file.Close();
   }
   EXPECT_EQ(status.error(), ENOSPC);
+  EXPECT_TRUE(status.write_back());
   EXPECT_NE(status.context().find("100 bytes not in the store"), std::string::npos)
       << status.context();
   EXPECT_EQ(World::Read(file, 0, 200), std::string(100, 'x'));

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <fstream>
+#include <functional>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -644,6 +645,23 @@ TEST_P(FileHandleTest, AFailedTruncateLeavesTheFileAsItWas) {
   EXPECT_EQ(Read(file, 0, 600), "dirty" + content.substr(5, 5));
 }
 
+// It ends in an error, and has taken place all the same.
+TEST_P(FileHandleTest, ATruncateThatTookPlaceAndFailedBringsNoOldBytesBack) {
+  const std::string content = FileWorld::Content(500);
+  for (const std::size_t size : {500u, 300u, 1000u}) {
+    Put("a", content);
+    FileHandle& file = Open("a");
+    EXPECT_EQ(Read(file, 0, 600), content);
+    world_.script.FailAfterwards({vesk::kFaultTruncate}, EROFS, 1);
+    EXPECT_EQ(file.Truncate(100).error(), EROFS);
+    EXPECT_TRUE(file.Truncate(size).ok());
+    const std::string expected = content.substr(0, 100) + std::string(size - 100, '\0');
+    EXPECT_EQ(Read(file, 0, 2000), expected);
+    EXPECT_TRUE(file.Close().ok());
+    EXPECT_EQ(Stored("a"), expected);
+  }
+}
+
 // Each byte of the file is its version: 'A' before, 'B' after a cut and a rewrite, 0 in between.
 TEST_P(FileHandleTest, ReadersBesideATruncateSeeOldOrNewBytes) {
   constexpr std::size_t kSize = 2000;
@@ -1005,14 +1023,14 @@ TEST_F(LimitsTest, AFileSystemMayEndWhileTheStoreHangs) {
 
 // ---- a failed check ----
 
-// Out of memory at the wrong moment is a failed check of the cache.
-void Break(FileHandle& file) {
-  for (long nth = 1; nth < 60 && !file.Broken(); ++nth) {
+// Out of memory at the wrong moment is a failed check of the cache: in one of the reads from `from`
+// on, `step` bytes apart.
+void Break(FileHandle& file, std::uint64_t from = kBlock, std::uint64_t step = kBlock) {
+  for (long nth = 1; nth < 60 && !file.Broken(); ++nth, from += step) {
     const FailingAllocation failing(nth);
     std::string bytes(10, '?');
     std::size_t moved = 0;
-    const Status status =
-        file.ReadAt(bytes.data(), bytes.size(), static_cast<std::uint64_t>(nth) * kBlock, &moved);
+    const Status status = file.ReadAt(bytes.data(), bytes.size(), from, &moved);
     EXPECT_TRUE(status.ok() || status.error() == ENOMEM || status.error() == EIO)
         << status.Message();
   }
@@ -1072,6 +1090,200 @@ TEST_F(LimitsTest, AFileOutOfServiceIsOpenedAfresh) {
   FileHandle& again = world_.Open("a");
   EXPECT_FALSE(again.Broken());
   EXPECT_EQ(FileWorld::Read(again, 0, 100), content_.substr(0, 100));
+}
+
+// Dirty bytes up to the limit, and clean blocks in all the rest of the memory.
+TEST_F(LimitsTest, AFileOutOfServiceHoldsUpNobody) {
+  world_.options.memory = 48 * kBlock;
+  world_.options.dirty_soft = world_.options.dirty_hard = 8 * kBlock;
+  FileHandle& file = world_.Open("a");
+  FileHandle& other = world_.Open("b");
+  FileWorld::Write(file, std::string(8 * kBlock, 'd'), 90 * kBlock);
+  EXPECT_EQ(FileWorld::Read(file, 40 * kBlock, 40 * kBlock).size(), 40 * kBlock);
+  Break(file);
+  {
+    const RequestScope scope(world_.In(kPatience));
+    FileWorld::Write(other, std::string(60 * kBlock, 'x'), 0);
+    EXPECT_EQ(FileWorld::Read(other, 60 * kBlock, 40 * kBlock),
+              content_.substr(60 * kBlock, 40 * kBlock));
+    EXPECT_TRUE(other.Close().ok());
+  }
+  EXPECT_EQ(world_.Stored("b"), std::string(60 * kBlock, 'x') + content_.substr(60 * kBlock));
+  world_.CloseAll();
+  EXPECT_EQ(world_.files().memory_used(), 0u);
+  EXPECT_EQ(world_.files().GetStats().dirty, 0u);
+}
+
+// The check fails in a range of ten bytes; the others, with nothing unsaved, have all the rest of
+// the memory.
+TEST_F(LimitsTest, AFileOutOfServiceHoldsNoMemory) {
+  world_.options.memory = 48 * kBlock + 10;
+  world_.Put("a", content_ + "ten bytes.");
+  FileHandle& file = world_.Open("a");
+  FileHandle& other = world_.Open("b");
+  for (std::uint64_t block = 52; block < 100; ++block) {  // one by one: ranges of 16 blocks
+    EXPECT_EQ(FileWorld::Read(file, block * kBlock, kBlock).size(), kBlock);
+  }
+  Break(file, 100 * kBlock, 0);
+  ASSERT_EQ(file.GetStats().cached, 48 * kBlock);
+  const RequestScope scope(world_.In(kPatience));
+  EXPECT_EQ(FileWorld::Read(other, 0, content_.size()), content_);
+  EXPECT_LE(world_.files().memory_peak(), 48 * kBlock + 10);
+}
+
+// Nobody has waited for what it held.
+TEST_F(LimitsTest, AFileOutOfServiceGivesItsMemoryBackWhenItIsClosed) {
+  for (int round = 0; round < 3; ++round) {
+    FileHandle& file = world_.Open("a");
+    FileWorld::Write(file, std::string(8 * kBlock, 'd'), 90 * kBlock);
+    EXPECT_EQ(FileWorld::Read(file, 40 * kBlock, 40 * kBlock).size(), 40 * kBlock);
+    Break(file);
+    world_.CloseAll();
+    EXPECT_EQ(world_.files().memory_used(), 0u);
+    EXPECT_TRUE(world_.files().GetFiles().empty());
+  }
+}
+
+// ---- no memory ----
+
+// What ends in an error for want of memory needs memory again for the text of that error.
+TEST_F(LimitsTest, AnErrorWithoutMemoryForItsTextIsStillAStatus) {
+  const std::string name(40, 'n');  // no text about it is short enough to need no memory
+  const std::string new_name(40, 'm');
+  char bytes[10] = {};
+  std::size_t moved = 0;
+  const struct {
+    const char* what;
+    std::function<Status(FileHandle&)> request;
+  } kRequests[] = {
+      {"read", [&](FileHandle& file) { return file.ReadAt(bytes, 10, 0, &moved); }},
+      {"write", [&](FileHandle& file) { return file.WriteAt(bytes, 10, 0); }},
+      {"append", [&](FileHandle& file) { return file.Append(bytes, 10); }},
+      {"flush", [](FileHandle& file) { return file.Flush(); }},
+      {"sync", [](FileHandle& file) { return file.Sync(); }},
+      {"truncate", [](FileHandle& file) { return file.Truncate(5); }},
+      {"close", [](FileHandle& file) { return file.Close(); }},
+      {"discard and close",
+       [](FileHandle& file) {
+         file.Discard();
+         return file.Close();
+       }},
+      {"open",
+       [&](FileHandle& /*file*/) {
+         std::unique_ptr<FileHandle> handle;
+         return world_.files().Open(name, FileWorld::Writing(), &handle);
+       }},
+      {"rename", [&](FileHandle& /*file*/) { return world_.files().Rename(name, new_name); }},
+      {"remove", [&](FileHandle& /*file*/) { return world_.files().Remove(name); }},
+      {"sync of all", [&](FileHandle& /*file*/) { return world_.files().SyncAll(); }},
+  };
+  for (const auto& [what, request] : kRequests) {
+    SCOPED_TRACE(what);
+    unsigned errors = 0;
+    bool fired = true;
+    for (long nth = 1; fired; ++nth) {
+      world_.Put(name, content_);
+      FileHandle& file = world_.Open(name);
+      FileWorld::Write(file, "dirty", kBlock);
+      Status status;
+      {
+        const FailingAllocation failing(nth, true);
+        status = request(file);
+        fired = failing.Fired();
+      }
+      if (!status.ok()) ++errors;
+      EXPECT_TRUE(status.ok() || status.error() == ENOMEM || status.error() == EIO)
+          << status.Message();
+      world_.CloseAll();
+    }
+    EXPECT_GE(errors, 1u) << "no memory was needed";
+  }
+}
+
+TEST_F(LimitsTest, AnOpenWithoutMemoryLeavesNoFileOpen) {
+  vesk::FileSystem& files = world_.files();
+  for (const bool and_all_later : {false, true}) {
+    for (const bool truncate : {false, true}) {
+      bool fired = true;
+      for (long nth = 1; fired; ++nth) {
+        SCOPED_TRACE(nth);
+        OpenOptions open = FileWorld::Writing();
+        open.truncate = truncate;
+        std::unique_ptr<FileHandle> file;
+        Status status;
+        {
+          const FailingAllocation failing(nth, and_all_later);
+          status = files.Open("a", open, &file);
+          fired = failing.Fired();
+        }
+        EXPECT_EQ(status.ok(), file != nullptr);
+        EXPECT_TRUE(status.ok() || status.error() == ENOMEM) << status.Message();
+        file.reset();
+        EXPECT_TRUE(files.GetFiles().empty());
+        EXPECT_EQ(files.memory_used(), 0u);
+      }
+    }
+  }
+}
+
+// Its writes were stopped, or what it had not stored was to be given up.
+TEST_F(LimitsTest, ARemovalWithoutMemoryHoldsUpNobody) {
+  const std::string name(40, 'n');
+  bool fired = true;
+  for (long nth = 1; fired; ++nth) {
+    SCOPED_TRACE(nth);
+    world_.Put(name, content_);
+    FileHandle& file = world_.Open(name);
+    FileWorld::Write(file, "dirty", 0);
+    {
+      const FailingAllocation failing(nth);
+      const int error = world_.files().Remove(name).error();
+      EXPECT_TRUE(error == 0 || error == ENOMEM) << error;
+      fired = failing.Fired();
+    }
+    const bool removed = world_.Stored(name) == "(no file)";
+    {
+      const RequestScope scope(world_.In(kPatience));
+      ASSERT_TRUE(file.Close().ok());
+    }
+    if (!removed) {
+      EXPECT_EQ(world_.Stored(name).substr(0, 5), "dirty");
+    }
+    EXPECT_EQ(world_.files().memory_used(), 0u);
+  }
+}
+
+// The bytes go before a block that is there already, so that ranges are divided around them.
+TEST_F(LimitsTest, AWriteWithoutMemoryTellsHowMuchItHasWritten) {
+  constexpr std::size_t kLength = 40 * kBlock;
+  const std::string bytes(kLength, 'w');
+  unsigned parts = 0;
+  bool fired = true;
+  for (long nth = 1; fired; ++nth) {
+    SCOPED_TRACE(nth);
+    world_.Put("a", content_);
+    FileHandle& file = world_.Open("a");
+    FileWorld::Write(file, "behind", 99 * kBlock);
+    std::size_t moved = 0;
+    Status status;
+    {
+      const FailingAllocation failing(nth);
+      status = file.WriteAt(bytes.data(), kLength, kBlock, &moved);
+      fired = failing.Fired();
+    }
+    if (!file.Broken()) {  // else: a failed check, and what that means has its own test
+      EXPECT_EQ(status.ok(), moved == kLength);
+      if (moved > 0 && moved < kLength) ++parts;
+      std::string expected = content_;
+      expected.replace(kBlock, moved, bytes, 0, moved);
+      expected.replace(99 * kBlock, 6, "behind");
+      EXPECT_TRUE(FileWorld::Read(file, 0, expected.size() + 1) == expected);
+      EXPECT_TRUE(file.Close().ok());
+      EXPECT_TRUE(world_.Stored("a") == expected);
+    }
+    world_.CloseAll();
+  }
+  EXPECT_GE(parts, 10u);
 }
 
 TEST_F(LimitsTest, NoMemoryForARequestLosesNothing) {

@@ -30,6 +30,7 @@
 #include "runtime/settings.h"
 #include "runtime/store.h"
 #include "runtime/transfer.h"
+#include "tests/support/allocation.h"
 #include "tests/support/jobs.h"
 #include "tests/support/keeping_logger.h"
 #include "vesk/VeskBundler.h"
@@ -65,10 +66,32 @@ class ScriptedStore final : public vesk::Decorator {
     rules_.push_back({which, error, times});
   }
 
+  // The next `times` operations take place, and end in `error` all the same.
+  void FailAfterwards(const Which& which, int error, int times) {
+    const vesk::MutexLock guard(mutex_);
+    rules_.push_back({which, error, times, true});
+  }
+
   // Operations do not begin until Heal.
   void Hold(const Which& which) {
     const vesk::MutexLock guard(mutex_);
     rules_.push_back({which, 0, std::numeric_limits<int>::max()});
+  }
+
+  // Operations take place at once; their ends are not told until ReleaseEnds or Heal.
+  void HoldEnds(const Which& which) {
+    const vesk::MutexLock guard(mutex_);
+    rules_.push_back({which, 0, std::numeric_limits<int>::max(), true});
+  }
+
+  // Tells the ends held now; later ones are held again.
+  void ReleaseEnds() {
+    std::vector<std::pair<vesk::VeskJob*, int>> ends;
+    {
+      const vesk::MutexLock guard(mutex_);
+      ends.swap(ends_);
+    }
+    for (const auto& [job, result] : ends) End(job, result);
   }
 
   // Every rule is forgotten; what was held takes place, in the order in which it came.
@@ -77,10 +100,12 @@ class ScriptedStore final : public vesk::Decorator {
     {
       const vesk::MutexLock guard(mutex_);
       rules_.clear();
+      afterwards_.clear();
       held.Take(held_);
       held_count_ = 0;
     }
     if (!held.Empty()) inner().Start(held);
+    ReleaseEnds();
   }
 
   // What is held ends in `error` and does not take place.
@@ -124,15 +149,16 @@ class ScriptedStore final : public vesk::Decorator {
   void AwaitHeld(std::size_t count) {
     const auto watchdog = std::chrono::steady_clock::now() + kPatience;
     const vesk::MutexLock guard(mutex_);
-    while (held_count_ < count && std::chrono::steady_clock::now() < watchdog) {
+    while (held_count_ + ends_.size() < count && std::chrono::steady_clock::now() < watchdog) {
       changed_.WaitUntil(mutex_, watchdog);
     }
-    EXPECT_GE(held_count_, count) << "operations have not arrived";
+    EXPECT_GE(held_count_ + ends_.size(), count) << "operations have not arrived";
   }
 
+  // Operations, and ends.
   std::size_t held() const {
     const vesk::MutexLock guard(mutex_);
-    return held_count_;
+    return held_count_ + ends_.size();
   }
 
   // Operations of these kinds that have come, whatever became of them.
@@ -180,6 +206,7 @@ class ScriptedStore final : public vesk::Decorator {
   void CancelAll(int error) override {
     EndHeld(error);
     inner().CancelAll(error);
+    ReleaseEnds();
   }
 
  private:
@@ -187,6 +214,7 @@ class ScriptedStore final : public vesk::Decorator {
     Which which;
     int error;  // 0: it is held
     int times;
+    bool afterwards = false;  // the operation takes place before that
   };
 
   static vesk::FaultOperations BitOf(const vesk::VeskJob& job) {
@@ -216,6 +244,7 @@ class ScriptedStore final : public vesk::Decorator {
 
   // False: the job is held, or has ended.
   bool Passes(vesk::VeskJob* job) {
+    const SparedAllocations spared;
     int error = 0;
     {
       const vesk::MutexLock guard(mutex_);
@@ -227,6 +256,10 @@ class ScriptedStore final : public vesk::Decorator {
       if (rule == nullptr) return true;
       --rule->times;
       error = rule->error;
+      if (rule->afterwards) {
+        afterwards_[job] = error;
+        return true;
+      }
       if (error == 0) {
         held_.Push(job);
         ++held_count_;
@@ -235,6 +268,25 @@ class ScriptedStore final : public vesk::Decorator {
     changed_.WakeAll();
     if (error != 0) End(job, error);
     return false;
+  }
+
+  void JobEnded(vesk::VeskJob* job, int result) override {
+    {
+      const SparedAllocations spared;
+      const vesk::MutexLock guard(mutex_);
+      const auto rule = afterwards_.find(job);
+      if (rule != afterwards_.end()) {
+        const int error = rule->second;
+        afterwards_.erase(rule);
+        if (error == 0) {
+          ends_.emplace_back(job, result);
+          changed_.WakeAll();
+          return;
+        }
+        result = error;
+      }
+    }
+    End(job, result);
   }
 
   void StartInner(vesk::VeskJob* job) {
@@ -250,6 +302,9 @@ class ScriptedStore final : public vesk::Decorator {
   std::vector<Rule> rules_ VESK_GUARDED_BY(mutex_);
   vesk::JobQueue held_ VESK_GUARDED_BY(mutex_);
   std::size_t held_count_ VESK_GUARDED_BY(mutex_) = 0;
+  // Errors of operations under way that end otherwise than they went; 0: their ends are held.
+  std::map<vesk::VeskJob*, int> afterwards_ VESK_GUARDED_BY(mutex_);
+  std::vector<std::pair<vesk::VeskJob*, int>> ends_ VESK_GUARDED_BY(mutex_);  // with their results
   std::map<vesk::FaultOperations, std::uint64_t> counts_ VESK_GUARDED_BY(mutex_);
   std::uint64_t batches_ VESK_GUARDED_BY(mutex_) = 0;
 };
@@ -270,6 +325,7 @@ class LineLogger final : public KeepingLogger {
  private:
   void Keep(const char* operation, const vesk::LogSite& /*site*/, const char* format,
             va_list arguments) override __attribute__((format(printf, 4, 0))) {
+    const SparedAllocations spared;  // a logger ends in return only
     const std::string level = operation;
     if (level != "Dump" && level != "Error") return;
     char text[1024];
@@ -354,6 +410,12 @@ class FileWorld {
     if (!status.ok()) throw std::runtime_error(status.Message());
     handles_.push_back(std::move(handle));
     return *handles_.back();
+  }
+
+  // Destroys the handles.
+  void CloseAll() {
+    const vesk::RequestScope scope(In(kPatience));
+    handles_.clear();
   }
 
   // Up to `length` bytes from `offset` on, as the handle reads them.

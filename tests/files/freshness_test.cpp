@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "tests/files/file_world.h"
+#include "tests/support/task.h"
 #include "tests/support/temporary_directory.h"
 
 namespace {
@@ -85,9 +86,9 @@ TEST_F(FreshnessTest, TheStoreIsAskedAfterTheIntervalAndNotBefore) {
   EXPECT_EQ(Stats(), stats);
   Pass(7);
   EXPECT_EQ(World::Read(file, 0, 600), new_);
-  EXPECT_EQ(Stats(), stats + 1) << "once";
+  EXPECT_EQ(Stats(), stats + 2) << "once, and as it has changed, once more while nobody writes";
   EXPECT_EQ(World::Read(file, 0, 600), new_);
-  EXPECT_EQ(Stats(), stats + 1);
+  EXPECT_EQ(Stats(), stats + 2);
 }
 
 TEST_F(FreshnessTest, TheIntervalMayChangeWhileFilesAreOpen) {
@@ -227,6 +228,88 @@ TEST_F(FreshnessTest, AFileThatBecameShorterEndsTheReadThere) {
   EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100)) << "though the interval is not over";
   EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100));
   EXPECT_EQ(file.Size(), 100u);
+}
+
+// The store reads at once and says so late: a write of ours has made its file longer meanwhile.
+TEST_F(FreshnessTest, AFetchOlderThanAnOwnWriteIsNoForeignCut) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "far", 100 * kBlock);
+  world_.script.HoldEnds({vesk::kFaultRead});
+  Task reader([&] { EXPECT_EQ(World::Read(file, 10 * kBlock, 10), std::string(10, '\0')); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(file.Sync().ok());
+  const std::uint64_t stats = Stats();
+  world_.script.Heal();
+  EXPECT_TRUE(reader.Await());
+  EXPECT_EQ(Stats(), stats) << "the store was asked what its file is";
+  EXPECT_EQ(world_.script.Count(vesk::kFaultRead), 1u) << "the bytes were fetched again";
+}
+
+// Every fetch is older than an own write.
+TEST_F(FreshnessTest, AReadBesideAWriterWhoMakesTheFileLongerEndsWell) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "far", 100 * kBlock);
+  world_.script.HoldEnds({vesk::kFaultRead});
+  Task reader([&] {
+    EXPECT_EQ(World::Read(file, 10 * kBlock, 5 * kBlock), std::string(5 * kBlock, '\0'));
+  });
+  for (std::uint64_t round = 1; round <= 100 && !reader.Ended(); ++round) {
+    EXPECT_TRUE(World::Await([&] { return world_.script.held() > 0 || reader.Ended(); }));
+    World::Write(file, "further", (100 + round) * kBlock);
+    EXPECT_TRUE(file.Sync().ok());
+    world_.script.ReleaseEnds();
+  }
+  EXPECT_TRUE(reader.Await());
+}
+
+// Whenever the store is asked what its file is, an own write arrives before its answer does.
+TEST_F(FreshnessTest, AReadOfAFileThatBecameShorterEndsWellBesideASteadyWriter) {
+  world_.options.check_patience = kPatience;
+  FileHandle& file = world_.Open("a");
+  world_.Put("a", old_.substr(0, 100));
+  Pass();
+  world_.script.HoldEnds({vesk::kFaultStat});
+  Task reader([&] { EXPECT_EQ(World::Read(file, 70, 500), old_.substr(70, 30)); });
+  for (int round = 0; round < 100 && !reader.Ended(); ++round) {
+    EXPECT_TRUE(World::Await([&] { return world_.script.held() > 0 || reader.Ended(); }));
+    {
+      const RequestScope scope(world_.In(milliseconds(0)));  // it waits for no answer
+      (void)file.WriteAt("own", 3, 0);  // nor for the turn, which a look may have
+      EXPECT_TRUE(file.Flush().ok());
+    }
+    EXPECT_TRUE(World::Await([&] { return file.GetStats().dirty == 0; }));
+    world_.script.ReleaseEnds();
+  }
+  EXPECT_TRUE(reader.Await());
+  EXPECT_EQ(file.Size(), 100u);
+}
+
+// What makes the store's file doubtful here is a truncate that ended in an error.
+TEST_F(FreshnessTest, ADoubtOutlivesAStoreThatDoesNotAnswer) {
+  FileHandle& file = world_.Open("a");
+  world_.script.FailAfterwards({vesk::kFaultTruncate}, EIO, 1);
+  EXPECT_EQ(file.Truncate(100).error(), EIO);
+  world_.script.Fail({vesk::kFaultStat}, EIO);
+  EXPECT_EQ(World::Read(file, 0, 10), old_.substr(0, 10));
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kUnknown);
+  EXPECT_EQ(file.Size(), 500u) << "it is not known yet";
+  world_.script.Heal();
+  Pass(2);  // well before the interval is over
+  EXPECT_EQ(World::Read(file, 0, 10), old_.substr(0, 10));
+  EXPECT_EQ(file.Size(), 100u);
+}
+
+TEST_F(FreshnessTest, ADoubtOutlivesOwnBytesOnTheirWay) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "own", 0);
+  world_.script.Hold({vesk::kFaultWrite});
+  EXPECT_TRUE(file.Flush().ok());
+  world_.script.AwaitHeld(1);
+  world_.Put("a", old_.substr(0, 100));
+  EXPECT_EQ(World::Read(file, 300, 10), "") << "a fetch that brings too little is looked into";
+  EXPECT_EQ(file.Size(), 100u);
+  world_.script.Heal();
+  EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3, 97));
 }
 
 TEST_F(FreshnessTest, AFileThatIsGoneIsStaleAndComesBack) {

@@ -272,6 +272,38 @@ TEST_F(MemoryTest, ReadAheadShrinksBeforeAnybodyWaits) {
   world_.script.Heal();
 }
 
+// Its blocks are evicted for the other one, and its ranges given up, while it goes.
+TEST_F(MemoryTest, AFileMayCloseWhileAnotherOneTakesItsMemory) {
+  constexpr std::uint64_t kPages = 48;
+  Configure(world_, kPages);
+  FileHandle& other = Begin("other", 200);
+  const std::string content = FileWorld::Content(40 * kPage);
+  world_.Put("file", content);
+  std::atomic<bool> done{false};
+  std::atomic<std::uint64_t> read{0};
+  Task reader([&] {
+    while (!done) ReadPage(other, read++ * 7 % 200);
+  });
+  std::uint64_t rounds = 0;
+  const auto end = std::chrono::steady_clock::now() + milliseconds(700);
+  while (rounds < 3 || std::chrono::steady_clock::now() < end) {
+    std::unique_ptr<FileHandle> file;
+    ASSERT_TRUE(world_.files().Open("file", FileWorld::Writing(), &file).ok());
+    EXPECT_TRUE(FileWorld::Read(*file, 0, content.size()) == content);
+    FileWorld::Write(*file, content.substr(rounds % 40 * kPage, kPage), rounds % 40 * kPage);
+    EXPECT_TRUE(file->Close().ok());
+    ++rounds;
+  }
+  done = true;
+  EXPECT_TRUE(reader.Await());
+  EXPECT_GT(read, 200u) << "the other file was not read meanwhile";
+  EXPECT_LE(world_.files().memory_peak(), kPages * kPage);
+  EXPECT_TRUE(other.Close().ok());
+  EXPECT_EQ(world_.files().memory_used(), 0u);
+  EXPECT_TRUE(world_.files().GetFiles().empty());
+  EXPECT_TRUE(world_.Stored("file") == content);
+}
+
 // ---- limits for unsaved bytes ----
 
 class DirtyTest : public ::testing::Test {

@@ -26,6 +26,8 @@ using vesk::VeskJob;
 
 constexpr unsigned kPage = 4096;
 
+constexpr std::uint64_t kMostRepeats = 8;  // then a request takes the turn
+
 // A store that takes its time: transfers end one after the other, in an order of chance.
 class SlowStore {
  public:
@@ -100,6 +102,7 @@ void ExpectProgress(std::uint64_t memory, unsigned block_size, unsigned requests
   EXPECT_TRUE(file.Sync().ok());
   EXPECT_TRUE(world.Stored("file") == content);
   // A request repeats for a bounded number of times: what it makes the store do is bounded, too.
+  EXPECT_LE(file.GetStats().repeats, kMostRepeats);
   const vesk::DispatcherStats stats = world.dispatcher().GetStats();
   const std::uint64_t pieces = 701 / std::min<std::uint64_t>(memory, block_size) + 2;
   EXPECT_LE(stats.reads.ended, std::uint64_t{8} * requests * 2 * pieces * 9);
@@ -112,6 +115,41 @@ TEST(ProgressTest, EightReadersAndWritersShareOneBlock) { ExpectProgress(kPage, 
 TEST(ProgressTest, EightReadersAndWritersShareLessThanAPage) {
   ExpectProgress(1000, 64 * kPage, 10);
   ExpectProgress(300, kPage, 10);
+}
+
+// They write where others fetch and drop the same blocks, so that they are overtaken all the time.
+TEST(ProgressTest, NobodyIsOvertakenForLong) {
+  constexpr std::uint64_t kPages = 3;
+  constexpr unsigned kRequests = 60;
+  FileWorld world;
+  world.options.memory = 2 * kPage;
+  world.options.block_size = kPage;
+  world.Put("file", FileWorld::Content(kPages * kPage));
+  FileHandle& file = world.Open("file");
+  {
+    const SlowStore slow(world.script);
+    std::vector<std::unique_ptr<Task>> tasks;
+    for (unsigned i = 0; i < 8; ++i) {
+      tasks.push_back(std::make_unique<Task>([&, i] {
+        vesk::Random random(i);
+        for (unsigned k = 0; k < kRequests; ++k) {
+          const std::uint64_t at = random.Next() % kPages * kPage + 100;
+          if (i % 2 == 0) {
+            FileWorld::Write(file, "written", at);
+          } else {
+            EXPECT_EQ(FileWorld::Read(file, at, 7).size(), 7u);
+          }
+          for (std::uint64_t page = 0; page < kPages; ++page) {
+            file.Advise(Advice::kDontNeed, page * kPage, kPage);
+            file.Advise(Advice::kWillNeed, page * kPage, kPage);
+          }
+        }
+      }));
+    }
+    for (const auto& task : tasks) EXPECT_TRUE(task->Await());
+  }
+  EXPECT_LE(file.GetStats().repeats, kMostRepeats);
+  EXPECT_LE(world.files().memory_peak(), 2u * kPage);
 }
 
 TEST(ProgressTest, OneByteOfMemoryIsEnough) {
@@ -235,6 +273,8 @@ TEST_F(OvertakingTest, AWriterTakesTheTurnWhenOthersFetchItsBlockAgainAndAgain) 
   EXPECT_LE(rounds, 8u);
   EXPECT_EQ(kept_out, 1u);
   EXPECT_EQ(file_->GetStats().turns, 1u);
+  EXPECT_EQ(file_->GetStats().repeats, kMostRepeats);
+  EXPECT_EQ(files_->GetStats().repeats, kMostRepeats);
 }
 
 // A reader who has fetched a page finds it, whatever others advise meanwhile.

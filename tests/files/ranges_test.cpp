@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -234,11 +235,14 @@ TEST_F(RangesTest, AWriterWhoHasGoneThroughALargeFileLeavesFewRanges) {
   EXPECT_TRUE(world_.Stored("file") == content_);
 }
 
-// Whoever logs holds the lock of a stream. One thread is kept there.
+// Whoever logs holds the lock of a stream. One thread is kept there, at that site or at any.
 class StoppingLogger : public NullLogger {
  public:
-  void Debug(const vesk::LogSite& /*site*/, const char* /*format*/, ...) override {
-    if (!stops) return;
+  static constexpr int kAnySite = 0;
+  explicit StoppingLogger(int site = kAnySite) : site_(site) {}
+
+  void Debug(const vesk::LogSite& site, const char* /*format*/, ...) override {
+    if (!stops || (site_ != kAnySite && site.second != site_)) return;
     const vesk::MutexLock guard(mutex_);
     stopped_ = true;
     changed_.WakeAll();
@@ -262,6 +266,7 @@ class StoppingLogger : public NullLogger {
   inline static thread_local bool stops = false;
 
  private:
+  const int site_;
   vesk::Mutex mutex_;
   vesk::Condition changed_;
   bool stopped_ VESK_GUARDED_BY(mutex_) = false;
@@ -290,6 +295,39 @@ TEST_F(RangesTest, ReadersAtDifferentPlacesDoNotShareALock) {
     EXPECT_TRUE(first.Await());
   }
   vesk::gEnv->logger = usual;
+}
+
+// The writer is kept where the first block leaves its range for the new one.
+TEST_F(RangesTest, ASyncBesideADivisionStoresWhatMoves) {
+  constexpr int kSplitFirst = 979;
+  FileHandle& file = Begin(0);
+  // Backwards: a writer that passes a dirty block has it stored.
+  for (std::uint64_t page = Range::kMaxBlocks; page > 0; --page) {
+    Write(file, page * kPage, kPage, static_cast<char>('a' + page));
+  }
+  ASSERT_EQ(file.GetStats().dirty, Range::kMaxBlocks * kPage);
+  ASSERT_EQ(file.GetStats().streams, 1u);
+  StoppingLogger logger(kSplitFirst);
+  vesk::VeskLogger* const usual = std::exchange(vesk::gEnv->logger, &logger);
+  {
+    Task writer([&] {
+      StoppingLogger::stops = true;
+      FileWorld::Write(file, std::string(kPage, 'w'), 0);
+      StoppingLogger::stops = false;
+    });
+    EXPECT_TRUE(logger.AwaitStopped());
+    Task syncing([&] {
+      EXPECT_TRUE(file.Sync().ok());
+      EXPECT_TRUE(world_.Stored("file").substr(kPage) == content_.substr(kPage));
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(syncing.Ended()) << "it has passed a range that is being divided";
+    logger.GoOn();
+    EXPECT_TRUE(writer.Await());
+    EXPECT_TRUE(syncing.Await());
+  }
+  vesk::gEnv->logger = usual;
+  EXPECT_EQ(file.GetStats().streams, 2u);
 }
 
 // Even pages are being written, odd ones are being read; the range is divided meanwhile, and
