@@ -289,25 +289,24 @@ class FileSystem::Private::Losing {
     return quiet_->outcome().error;
   }
 
-  // The name has gone; `added` leads to the file now, if it is not empty.
-  void Gone(const std::string& added) {
+  // The name has gone.
+  void Gone() {
     if (node_ == nullptr) return;
     {
       const MutexLock guard(files_.mutex_);
       node_->names.erase(name_);
-      if (!added.empty()) node_->names.insert(added);
     }
-    std::string name = added;
     FileInfo info;
-    // It may have been another way to write the name that has gone.
-    if (name.empty() && !other_.empty() && files_.store.Stat(other_, &info) != ENOENT) {
-      name = other_;
-    }
-    if (name.empty()) {
+    // The other one may have been another way to write the name that has gone.
+    if (other_.empty() || files_.store.Stat(other_, &info) == ENOENT) {
       node_->SetRemoved();
     } else {
-      node_->SetName(name);
+      node_->SetName(other_);
     }
+  }
+
+  void TakeOutOfService() {
+    if (node_ != nullptr) node_->TakeOutOfService();
   }
 
  private:
@@ -337,12 +336,19 @@ Status FileSystem::Private::Rename(const std::string& from, const std::string& t
   Losing losing(*this, std::move(replaced), to);
   if (const int error = losing.Prepare()) return {error, what};
   if (const int error = store.Rename(from, to)) return {error, what};
-  losing.Gone("");
-  if (node == nullptr) return {};
-  node->SetName(to);
-  const MutexLock guard(mutex_);
-  node->names.erase(from);
-  node->names.insert(to);
+  try {
+    losing.Gone();
+    if (node == nullptr) return {};
+    node->SetName(to);
+    const MutexLock guard(mutex_);
+    node->names.insert(to);
+    node->names.erase(from);
+  } catch (const std::bad_alloc&) {
+    // The store has done it, and the files do not know their names: everything of them is stored.
+    losing.TakeOutOfService();
+    if (node != nullptr) node->TakeOutOfService();
+    throw;
+  }
   return {};
 }
 
@@ -356,7 +362,12 @@ Status FileSystem::Private::Remove(const std::string& name) {
   Losing losing(*this, std::move(node), name);
   if (const int error = losing.Prepare()) return {error, what};
   if (const int error = store.Remove(name)) return {error, what};
-  losing.Gone("");
+  try {
+    losing.Gone();
+  } catch (const std::bad_alloc&) {
+    losing.TakeOutOfService();  // as for Rename
+    throw;
+  }
   return {};
 }
 

@@ -46,6 +46,8 @@ class FileSystem {
 
   // Gives the file the name `to`, replacing what had it. An open file is flushed first, and its
   // handles go on with the new name. The handles of a replaced file end in ESTALE.
+  //   Ends in  ENOMEM: it may have taken place all the same; then the handles end in EIO, and the
+  //            files can be opened afresh when these are gone (so for Remove)
   Status Rename(const std::string& from, const std::string& to);
 
   // The handles of an open file end in ESTALE afterwards; its unsaved bytes are given up.

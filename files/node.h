@@ -106,6 +106,10 @@ class Node final : private CachedFile, private RangeOwner {
   //   Before   the calling thread holds a Quiet
   void SetRemoved();
 
+  // Every later request ends in EIO.
+  //   Before   nothing is dirty or in flight
+  void TakeOutOfService() { core_.broken = true; }
+
   // ---- what is known ----
 
   std::string name() const;

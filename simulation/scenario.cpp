@@ -43,13 +43,13 @@ const std::vector<Field>& Fields() {
 }
 
 constexpr std::array<const char*, static_cast<std::size_t>(Do::kCount)> kNames = {
-    "read",    "write",  "append", "truncate", "flush", "sync", "reopen",
-    "discard", "advise", "stats",  "syncall",  "tend",  "run",  "end",
-    "advance", "wall",   "cancel", "nomem",    "crash"};
+    "read",    "write",   "append", "truncate", "flush",  "sync", "reopen",
+    "discard", "advise",  "stats",  "syncall",  "rename", "tend", "run",
+    "end",     "advance", "wall",   "cancel",   "nomem",  "crash"};
 
 // How often each is drawn. Allocations, cancels and crashes come with troubles alone.
-constexpr std::array<std::uint32_t, kNames.size()> kWeights = {30, 30, 6,  3,  4, 6, 2, 1, 3, 2,
-                                                               1,  3,  60, 70, 8, 1, 2, 1, 1};
+constexpr std::array<std::uint32_t, kNames.size()> kWeights = {30, 30, 6, 3,  4,  6, 2, 1, 3, 2,
+                                                               1,  2,  3, 60, 70, 8, 1, 2, 1, 1};
 
 // A source of numbers: chance, or bytes that somebody gives.
 class Numbers {
@@ -123,6 +123,7 @@ Scenario FromSeed(std::uint64_t seed) {
   const bool limits = chance.Next() % 3 == 0;
   const bool no_memory = chance.Next() % 6 == 0;
   const bool crashes = chance.Next() % 3 == 0;
+  const bool renames = chance.Next() % 4 == 0;
   for (std::uint32_t i = 0; i < steps; ++i) {
     Step step = DrawStep(chance);
     if (step.what == Do::kEnd && (!faults || chance.Next() % 4 != 0)) step.b = 0;
@@ -130,6 +131,7 @@ Scenario FromSeed(std::uint64_t seed) {
     if (step.what == Do::kCancel && !limits) continue;
     if (step.what == Do::kFailAllocation && !no_memory) continue;
     if (step.what == Do::kCrash && !crashes) continue;
+    if (step.what == Do::kRename && !renames) continue;
     scenario.steps.push_back(step);
   }
   return scenario;

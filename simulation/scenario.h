@@ -24,6 +24,7 @@ enum class Do : std::uint8_t {
   kAdvise,
   kStats,
   kSyncAll,
+  kRename,
   kTend,
   // The world around them.
   kRun,             // a fiber that can run

@@ -61,8 +61,10 @@ class SimulatedStore final : public vesk::VeskBackend {
   void Restore(std::map<std::string, std::shared_ptr<File>> files) { files_ = std::move(files); }
 
   void Put(const std::string& name, const std::string& bytes);
-  // Null: there is none.
-  const File* Find(const std::string& name) const;
+  bool Has(const std::string& name) const { return files_.count(name) != 0; }
+
+  // The file, whatever its name is now.
+  const File& Find(std::uint64_t inode) const;
 
   // Two transfers that overlap were in the store at once, and one of them was a write: their order
   // is a matter of chance then.

@@ -157,7 +157,7 @@ std::string World::Run() {
     for (std::size_t k = 0; k < bytes.size(); ++k) {
       bytes[k] = static_cast<char>(1 + (k * 7 + i * 13 + shape.chance) % 255);
     }
-    files_.push_back(std::make_unique<File>(File{NameOf(i), Model(bytes)}));
+    files_.push_back(std::make_unique<File>(File{NameOf(i), 100 + i, Model(bytes)}));
     auto file = std::make_shared<SimulatedStore::File>();
     file->inode = 100 + i;
     file->bytes = file->durable = bytes;
@@ -284,7 +284,7 @@ void World::Finish() {
   }
   for (const std::unique_ptr<File>& file : files_) {
     if (!failure_.empty()) return;
-    const SimulatedStore::File* const stored = machine_->store.Find(file->name);
+    const SimulatedStore::File* const stored = &machine_->store.Find(file->inode);
     std::string wrong = file->model.CheckAfterCrash(stored->durable);
     if (wrong.empty() && !file->lost) wrong = file->model.CheckNow(stored->bytes);
     if (!wrong.empty()) Fail("after the last sync of '" + file->name + "' " + wrong);
@@ -297,7 +297,7 @@ void World::Finish() {
           std::size_t moved = 0;
           Status status = client->handle->ReadAt(bytes.data(), bytes.size(), 0, &moved);
           if (!status.ok()) return Fail("the last read: " + status.Message());
-          std::string stored = machine_->store.Find(client->file->name)->bytes;
+          std::string stored = machine_->store.Find(client->file->inode).bytes;
           // A file whose last bytes were given up keeps its size.
           if (client->file->discarded && moved > stored.size()) stored.resize(moved, '\0');
           if (bytes.substr(0, moved) != stored) {
@@ -463,6 +463,9 @@ void World::Crash(const Step& step) {
   vesk::Random random(scenario_.shape.chance + step.a * 1000003ull);
   auto stored = machine_->store.Crash(random);
   for (const std::unique_ptr<File>& file : files_) {
+    for (const auto& [name, left] : stored) {
+      if (left->inode == file->inode) file->name = name;
+    }
     const std::string wrong = file->model.CheckAfterCrash(stored[file->name]->bytes);
     if (!wrong.empty()) return Fail("'" + file->name + "': " + wrong);
   }
@@ -507,7 +510,8 @@ void World::Begin(Client& client, const Step& step) {
       [this, &client, step] {
         RequestLimits limits;
         vesk::CancelToken token;
-        switch ((step.c >> 4) % 8) {
+        // A rename that outlasts its request may take place at any time.
+        switch (step.what == Do::kRename ? 0 : (step.c >> 4) % 8) {
           case 1: limits.deadline = fibers_.now; break;
           case 2: limits.deadline = fibers_.now + milliseconds(1); break;
           case 3: limits.deadline = fibers_.now + milliseconds(50); break;
@@ -560,6 +564,7 @@ void World::Carry(Client& client, const Step& step) {
       Calling([&] { handle.Advise(static_cast<vesk::Advice>(step.b % 5), step.a, step.b); });
       return;
     case Do::kStats: return Stats(client);
+    case Do::kRename: return Rename(client);
     case Do::kSyncAll:
       (void)Judge(client, Calling([&] { return machine_->files->SyncAll(); }));
       return;
@@ -656,7 +661,7 @@ void World::Sync(Client& client) {
   const Model::Tick begin = file.model.BeginSync();
   if (!Judge(client, Calling([&] { return client.handle->Sync(); })) || file.lost) return;
   file.model.EndSync(begin);
-  const std::string wrong = file.model.CheckAfterCrash(machine_->store.Find(file.name)->durable);
+  const std::string wrong = file.model.CheckAfterCrash(machine_->store.Find(file.inode).durable);
   if (!wrong.empty()) Fail("'" + file.name + "' is not stored by a sync: " + wrong);
 }
 
@@ -685,6 +690,21 @@ void World::Discard(Client& client) {
   client.file->model.Discard();
   Calling([&] { client.handle->Discard(); });
   client.file->model.Discard();
+}
+
+// One at a time; whoever opens the file meanwhile may miss it.
+void World::Rename(Client& client) {
+  File& file = *client.file;
+  troubled_ = true;
+  if (std::exchange(file.renaming, true)) return;
+  const std::string from = file.name;
+  const std::string to = from.size() == 1 ? from + "2" : from.substr(0, 1);
+  const bool ok = Judge(client, Calling([&] { return machine_->files->Rename(from, to); }));
+  const bool renamed = machine_->store.Has(to);
+  if (renamed) file.name = to;
+  file.renaming = false;
+  if (ok && !renamed) Fail("a rename has not taken place");
+  if (!ok && renamed && !file.lost) Fail("a rename that failed has taken place");
 }
 
 void World::Stats(Client& client) {

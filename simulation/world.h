@@ -88,9 +88,11 @@ class World {
  private:
   struct File {
     std::string name;
+    std::uint64_t inode;
     Model model;
-    bool lost = false;              // of no more use until it is opened anew: a check has failed
-    bool discarded = false;         // bytes were given up
+    bool lost = false;       // of no more use until it is opened anew: a check has failed
+    bool discarded = false;  // bytes were given up
+    bool renaming = false;
     std::vector<Model::Id> late{};  // truncations that have outlasted their requests
   };
   struct Client {
@@ -136,6 +138,7 @@ class World {
   void Reopen(Client& client);
   void Discard(Client& client);
   void Stats(Client& client);
+  void Rename(Client& client);
   void Open(Client& client);
   bool Judge(Client& client, const vesk::Status& status);
   void Note(Client& client);
