@@ -157,8 +157,12 @@ Model::Id Model::BeginTruncate(std::uint64_t size) {
     if (MayBe(i, kNone, id)) Add(i, 0, id);
   }
   for (std::uint64_t i = size; i < bytes_.size(); ++i) Add(i, kNone, id);
-  for (const auto& [other, write] : running_) {
-    for (std::uint64_t i = size; !write.truncates && i < write.end; ++i) Add(i, 0, id);
+  // The shorter one first, and zeros take the place of what it has cut.
+  for (const auto& [other, running] : running_) {
+    const std::uint64_t end = running.truncates ? std::max(running.begin, size) : running.end;
+    for (std::uint64_t i = std::min(running.truncates ? running.begin : size, size); i < end; ++i) {
+      Add(i, 0, id);
+    }
   }
   for (std::uint64_t i = size; !appends_.empty() && i < kMostBytes; ++i) Add(i, 0, id);
   running_[id] = request;

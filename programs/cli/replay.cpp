@@ -128,6 +128,11 @@ class Walkthrough {
     }
     if (options_.at == 0 && !options_.steps) PrintSummary();
     const Totals& totals = replay_.totals();
+    if (totals.cache_lines == 0 && options_.at == 0) {
+      std::fputs("vesk: no line of these is the cache's: was it logged with --log-levels all?\n",
+                 stderr);
+      return kExitUsage;
+    }
     return totals.contradictions > 0 || totals.failures > 0 ? kExitFailed : kExitOk;
   }
 
