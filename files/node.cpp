@@ -953,7 +953,7 @@ int Node::CheckFreshness() {
       return 0;
     }
     checking_ = true;
-    asking_ = true;
+    asking_ = !core_.suspicious;
   }
   int error = 0;
   try {

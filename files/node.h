@@ -230,14 +230,15 @@ class Node final : private CachedFile, private RangeOwner {
   bool FindActive(std::uint64_t from, std::uint64_t* begin, Range** range) const;
 
   // A request begins: the store's file is looked at when that was last done longer ago than the
-  // setting refresh-interval.
+  // setting refresh-interval. While somebody asks, others are served what is there.
   bool IsCheckDue(unsigned now, int interval) const {
     if (core_.suspicious.load(std::memory_order_relaxed)) return true;
     const Freshness freshness = freshness_.load(std::memory_order_relaxed);
     const bool fails = options_.when_unknown == UnknownPolicy::kFail;
     if (freshness == Freshness::kGone || (freshness == Freshness::kUnknown && fails)) return true;
     const long checked_at = checked_at_.load(std::memory_order_relaxed);
-    return interval != 0 && static_cast<long>(now) - checked_at > interval;
+    const bool aged = interval != 0 && static_cast<long>(now) - checked_at > interval;
+    return aged && (fails || !asking_);
   }
   int CheckIfDue();
   int Resize(std::uint64_t size);
@@ -270,7 +271,7 @@ class Node final : private CachedFile, private RangeOwner {
   std::atomic<std::uint64_t> repeats_{0};
 
   std::atomic<unsigned> checked_at_;  // WallSeconds()
-  std::atomic<bool> asking_{false};   // as checking_
+  std::atomic<bool> asking_{false};   // as checking_, but not while the file is suspicious
   std::atomic<Freshness> freshness_{Freshness::kKnown};
 
   mutable Mutex mutex_;  // a leaf
