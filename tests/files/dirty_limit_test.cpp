@@ -165,6 +165,21 @@ TEST_F(DirtyLimitTest, WaitsEndWithTheDeadlineOrWhenTheyAreCalledOff) {
   EXPECT_TRUE(room.TryAdmit(100)) << "those who gave up hold something";
 }
 
+TEST_F(DirtyLimitTest, WithNobodyToTellItIsWaitedAllTheSame) {
+  DirtyLimit limit(100, 200, clock_);
+  Room room(limit);
+  ASSERT_EQ(room.Admit(100), 0);
+  room.Use(100);
+  Task writer([&] {
+    Room more(limit);
+    EXPECT_EQ(more.Admit(150), 0);
+  });
+  clock_.AwaitWaiters(1);
+  EXPECT_FALSE(writer.Ended());
+  limit.Sub(100);
+  EXPECT_TRUE(writer.Await());
+}
+
 // Otherwise it would never be served.
 TEST_F(DirtyLimitTest, AWriteLargerThanTheLimitIsAdmittedAlone) {
   Room room(limit_);

@@ -216,6 +216,8 @@ TEST_P(FileHandleTest, APermissionErrorIsToldByTheOpen) {
   world_.script.Fail({vesk::kFaultOpen}, EACCES, 1);
   EXPECT_EQ(TryOpen("a", {}).error(), EACCES);
   EXPECT_EQ(TryOpen("a", FileWorld::Writing()).error(), 0);
+  world_.script.Fail({vesk::kFaultOpen}, EACCES, 1);
+  EXPECT_EQ(TryOpen("a", FileWorld::Writing()).error(), EACCES) << "it may be written alone";
   world_.script.Fail({vesk::kFaultStat}, EACCES, 1);
   EXPECT_EQ(TryOpen("b", FileWorld::Writing()).error(), EACCES);
   world_.script.Fail({vesk::kFaultCreate}, EROFS, 1);
@@ -350,6 +352,11 @@ TEST_P(FileHandleTest, ALengthOfZeroChangesNothing) {
   EXPECT_TRUE(file.WriteAt(static_cast<const struct iovec*>(nullptr), 0, 0, &moved).ok());
   EXPECT_EQ(moved, 0u);
   EXPECT_EQ(world_.files().GetStats().cached, 0u);
+  Write(file, "bytes", 0);
+  const std::uint64_t hits = file.GetStats().hits;
+  EXPECT_TRUE(file.ReadAt(nullptr, 0, 2, &moved).ok());
+  EXPECT_EQ(moved, 0u);
+  EXPECT_EQ(file.GetStats().hits, hits);
 }
 
 TEST(FarOffsetsTest, AMemoryFileHoldsBytesAtTheLargestOffset) {

@@ -46,6 +46,7 @@ class Holder final : public MemoryBudget::Source {
   std::size_t size() const { return stamps_.size(); }
 
   std::atomic<bool> busy{false};
+  unsigned busy_for = 0;           // times that it is asked in vain
   bool lowers = false;             // it gets the oldest block of all while it evicts
   std::atomic<unsigned> asked{0};  // times that it had to evict
 
@@ -55,6 +56,11 @@ class Holder final : public MemoryBudget::Source {
     ++asked;
     if (std::exchange(lowers, false)) budget_.Lower(*this, 0);
     if (busy) return left;
+    if (busy_for > 0) {
+      --busy_for;
+      left.oldest = stamps_.front();
+      return left;
+    }
     while (left.freed < bytes && !stamps_.empty() && stamps_.front() <= newest) {
       stamps_.erase(stamps_.begin());
       evicted_->push_back(name_);
@@ -131,6 +137,18 @@ TEST_F(MemoryBudgetTest, ASourceThatIsBusyIsPassedOver) {
   a.busy = false;
   EXPECT_EQ(memory.Reserve(9), 0);
   EXPECT_EQ(a.size(), 1u);
+}
+
+TEST_F(MemoryBudgetTest, ASourceMayBeAskedInVainTwice) {
+  Holder holder(budget_, "a", &evicted_);
+  for (unsigned i = 0; i < 10; ++i) holder.Make();
+  holder.busy_for = 2;
+  Task taker([&] {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(5), 0);
+  });
+  EXPECT_TRUE(taker.Await()) << "it waits for a change that does not come";
+  EXPECT_EQ(holder.asked, 3u);
 }
 
 TEST_F(MemoryBudgetTest, SourcesAreAskedForAsLongAsTheyGiveSomething) {
@@ -283,6 +301,23 @@ TEST_F(MemoryBudgetTest, WaitsEndWithTheDeadlineOrWhenTheyAreCalledOff) {
   mine.Reset();
   EXPECT_TRUE(last.Await()) << "those who gave up are in its way";
   EXPECT_EQ(budget_.used(), 0u);
+}
+
+// Again and again, since whoever is woken first may not be the one whose turn it is.
+TEST_F(MemoryBudgetTest, WhoIsServedWakesTheNextOne) {
+  for (unsigned i = 0; i < 30; ++i) {
+    Reservation mine(budget_);
+    ASSERT_EQ(mine.Reserve(10), 0);
+    Reservation one(budget_);
+    Reservation two(budget_);
+    Task first([&] { EXPECT_EQ(one.Reserve(3), 0); });
+    clock_.AwaitWaiters(1);
+    Task second([&] { EXPECT_EQ(two.Reserve(3), 0); });
+    clock_.AwaitWaiters(2);
+    mine.Reset();
+    ASSERT_TRUE(first.Await());
+    ASSERT_TRUE(second.Await());
+  }
 }
 
 // Two that wait for more while they hold some could wait for each other.

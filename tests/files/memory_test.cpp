@@ -455,6 +455,18 @@ TEST_F(DirtyTest, OldBytesOfAllFilesAreWrittenInParallelInTheBackground) {
   EXPECT_EQ(world_.Stored("c"), "");
 }
 
+TEST_F(DirtyTest, AboveTheSoftLimitYoungBytesAreWrittenInTheBackgroundAsWell) {
+  FileHandle& file = Begin("file");
+  FileHandle& young = Begin("young");
+  HoldWrites();
+  for (std::uint64_t page = 0; page < 4; ++page) FileWorld::Write(file, PageOf('x'), page * kPage);
+  FileWorld::Write(young, PageOf('y'), 0);
+  EXPECT_EQ(young.GetStats().in_flight, 0u);
+  clock_.Advance(seconds(1));
+  world_.files().Tend();
+  EXPECT_EQ(young.GetStats().in_flight, kPage);
+}
+
 // Bytes that are written again and again do not stay young.
 TEST_F(DirtyTest, TheAgeOfDirtyBytesIsThatOfTheFirstWrite) {
   FileHandle& file = Begin("file");

@@ -44,6 +44,12 @@ class ReadingTest : public ::testing::Test {
         << "wrong bytes at " << offset << ", length " << length;
   }
 
+  // The next read finds everything that was on its way: a miss is what nobody had asked for.
+  void ReadBlockAndAwaitAhead(FileHandle& file, std::uint64_t block) {
+    ExpectRead(file, block * kBytes, kBytes);
+    EXPECT_TRUE(FileWorld::Await([&] { return file.GetStats().in_flight == 0; }));
+  }
+
   void HoldReads() { world_.script.Hold({vesk::kFaultRead, "", 0, ~std::uint64_t{0}}); }
   std::uint64_t reads() const { return world_.script.Count(vesk::kFaultRead); }
 
@@ -211,17 +217,32 @@ TEST_F(ReadingTest, SequentialReadersFetchWhatTheyAreHanded) {
   }
 }
 
-// Each read finds what was on its way: a miss is what nobody had asked for before.
+TEST_F(ReadingTest, AReaderThatIsServedFromMemoryIsReadAheadOf) {
+  constexpr std::size_t kSize = std::size_t{200} * kBytes;
+  FileHandle& file = Begin(kSize);
+  for (std::uint64_t block = 0; block < 200; ++block) ReadBlockAndAwaitAhead(file, block);
+  EXPECT_EQ(file.GetStats().fetched, kSize);
+  EXPECT_EQ(file.GetStats().misses, 1u);
+}
+
+TEST_F(ReadingTest, NoMoreThanHalfOfTheMemoryIsReadAhead) {
+  world_.options.memory = std::uint64_t{16} * kBytes;
+  world_.options.read_ahead = 64;
+  FileHandle& file = Begin(std::size_t{200} * kBytes);
+  std::uint64_t largest = 0;
+  for (std::uint64_t block = 0; block < 200; ++block) {
+    ReadBlockAndAwaitAhead(file, block);
+    largest = std::max<std::uint64_t>(largest, file.GetStats().window);
+  }
+  EXPECT_EQ(largest, 8u * kBytes);
+}
+
 TEST_F(ReadingTest, SwappedReadsAreStillOneSequence) {
   constexpr std::size_t kSize = std::size_t{200} * kBytes;
   FileHandle& file = Begin(kSize);
-  const auto read = [&](std::uint64_t block) {
-    ExpectRead(file, block * kBytes, kBytes);
-    EXPECT_TRUE(FileWorld::Await([&] { return file.GetStats().in_flight == 0; }));
-  };
   for (std::uint64_t i = 0; i < 200; i += 2) {
-    read(i + 1);
-    read(i);
+    ReadBlockAndAwaitAhead(file, i + 1);
+    ReadBlockAndAwaitAhead(file, i);
   }
   EXPECT_EQ(file.GetStats().fetched, kSize);
   EXPECT_LE(file.GetStats().misses, 5u);
