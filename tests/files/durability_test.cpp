@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/files/file_world.h"
+#include "tests/support/task.h"
 
 namespace vesk_test {
 namespace {
@@ -467,6 +468,21 @@ TEST_F(KeptWriteTest, AWriteThatHasToWaitForTheFailingBlockIsToldAtOnce) {
   EXPECT_EQ(World::Read(file, 0, 5), "bytes");
   world_.script.Heal();
   EXPECT_TRUE(FileWorld::Await([&] { return file.WriteAt("x", 1, 0).ok(); }));
+}
+
+// Its own bytes are not taken, since those on their way would be lost without a word.
+TEST(WriteThatIsNotKeptTest, WhoWaitsForItIsToldWhenItFails) {
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry);
+  FileHandle& file = world.Open("a");
+  FileWorld::Write(file, "bytes", 0);
+  world.script.Hold({vesk::kFaultWrite});
+  EXPECT_TRUE(file.Flush().ok());
+  world.script.AwaitHeld(1);
+  Task writer([&] { FileWorld::Write(file, "x", 0, EIO); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // for the writer to wait
+  world.script.EndHeld(EIO);
+  EXPECT_TRUE(writer.Await());
+  world.script.Heal();
 }
 
 TEST_F(KeptWriteTest, AWriteThatWaitsWhenTheFailureComesIsToldAtOnce) {

@@ -124,6 +124,16 @@ TEST_F(MemoryTest, AWriteAroundABlockTakesNoMoreThanItHasReserved) {
   EXPECT_TRUE(world_.Stored("file").substr(0, kPage) == std::string(kPage, 'b'));
 }
 
+TEST_F(MemoryTest, AWriteTakesThePagesThatItTouchesAndNoMore) {
+  Configure(world_, 64);
+  world_.options.block_size = 4 * kPage;
+  FileHandle& file = Begin("file", 0);
+  FileWorld::Write(file, PageOf('a'), 0);
+  EXPECT_EQ(file.GetStats().cached, kPage);
+  FileWorld::Write(file, "b", 8 * kPage + 1);
+  EXPECT_EQ(file.GetStats().cached, 2 * kPage - 1);
+}
+
 // There is room for two more blocks; eight are wanted.
 TEST_F(MemoryTest, AFetchTakesNoMoreThanItHasReserved) {
   Configure(world_, 8);

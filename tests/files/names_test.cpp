@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "tests/files/file_world.h"
+#include "tests/support/task.h"
 #include "tests/support/temporary_directory.h"
 
 namespace vesk_test {
@@ -138,6 +139,27 @@ TEST_P(NamesTest, AnOpenFileGoesOnUnderItsNewName) {
   EXPECT_EQ(World::Read(other, 0, 400), expected);
   EXPECT_EQ(world_.files().GetFiles().size(), 1u);
   EXPECT_EQ(Stored("a"), "(no file)") << "nothing came back by the old name";
+}
+
+TEST_P(NamesTest, ARenamedFileIsTendedByItsNewName) {
+  FileHandle& file = Open("a");
+  EXPECT_TRUE(Rename("a", "b").ok());
+  World::Write(file, "bytes", 0);
+  EXPECT_TRUE(file.Flush().ok());
+  EXPECT_TRUE(World::Await([&] { return file.GetStats().dirty == 0; }));
+}
+
+// The store has no such file any more, but that is not what became of the bytes.
+TEST_P(NamesTest, ASyncThatMeetsARenameIsDoneByTheNewName) {
+  FileHandle& file = Open("a");
+  World::Write(file, "bytes", 0);
+  world_.script.Hold({vesk::kFaultSync, Path("a")});
+  Task sync([&] { EXPECT_EQ(file.Sync().error(), 0); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(Rename("a", "b").ok());
+  world_.script.Heal();
+  EXPECT_TRUE(sync.Await());
+  EXPECT_EQ(Stored("b"), "bytes");
 }
 
 TEST_P(NamesTest, TheOldNameIsFreeForAnotherFile) {
