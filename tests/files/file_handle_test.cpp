@@ -353,6 +353,7 @@ TEST_P(FileHandleTest, ALengthOfZeroChangesNothing) {
   EXPECT_EQ(moved, 0u);
   EXPECT_EQ(world_.files().GetStats().cached, 0u);
   Write(file, "bytes", 0);
+  EXPECT_EQ(Read(file, 0, 5), "bytes");
   const std::uint64_t hits = file.GetStats().hits;
   EXPECT_TRUE(file.ReadAt(nullptr, 0, 2, &moved).ok());
   EXPECT_EQ(moved, 0u);

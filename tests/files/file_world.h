@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdarg>
 #include <cstdint>
@@ -322,10 +323,14 @@ class LineLogger final : public KeepingLogger {
     return count;
   }
 
+  // Of all levels.
+  std::uint64_t lines() const { return count_; }
+
  private:
   void Keep(const char* operation, const vesk::LogSite& /*site*/, const char* format,
             va_list arguments) override __attribute__((format(printf, 4, 0))) {
     const SparedAllocations spared;  // a logger ends in return only
+    ++count_;
     const std::string level = operation;
     if (level != "Dump" && level != "Error") return;
     char text[1024];
@@ -334,6 +339,7 @@ class LineLogger final : public KeepingLogger {
     lines_.emplace_back(level, text);
   }
 
+  std::atomic<std::uint64_t> count_{0};
   mutable vesk::Mutex mutex_;
   std::vector<std::pair<std::string, std::string>> lines_ VESK_GUARDED_BY(mutex_);
 };

@@ -195,6 +195,16 @@ TEST_F(MemoryTest, UsesBetweenTwoEvictionsAreInOrder) {
   EXPECT_EQ(reads(), 4u) << "another one than 2 has gone";
 }
 
+// It is not served in place, as one inside a block.
+TEST_F(MemoryTest, AReadThatGoesOnBeyondABlockUsesIt) {
+  Configure(world_, 4);
+  FileHandle& file = Begin("file", 8);
+  for (const std::uint64_t page : {0u, 1u, 2u, 3u}) ReadPage(file, page);
+  EXPECT_EQ(FileWorld::Read(file, 0, kPage + 1).size(), kPage + 1);
+  for (const std::uint64_t page : {4u, 0u}) ReadPage(file, page);
+  EXPECT_EQ(reads(), 5u) << "the block that was used last has gone";
+}
+
 TEST_F(MemoryTest, BlocksOfAFileGoInTheOrderOfTheirLastUse) {
   constexpr std::size_t kBlocks = 5;
   Configure(world_, kBlocks);

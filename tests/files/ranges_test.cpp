@@ -72,6 +72,19 @@ class RangesTest : public ::testing::Test {
   std::string content_;
 };
 
+TEST_F(RangesTest, WhatARangeHasCountedOutlivesIt) {
+  world_.options.memory = 32 * kPage;
+  FileHandle& file = Begin(200);
+  for (std::uint64_t page = 0; page < 200; ++page) {
+    ReadPages(file, page, page + 1);
+    ReadPages(file, page, page + 1);
+  }
+  EXPECT_LE(file.GetStats().streams, 5u);
+  EXPECT_EQ(file.GetStats().misses, 200u);
+  EXPECT_EQ(file.GetStats().hits, 200u);
+  EXPECT_EQ(file.GetStats().returned, 400 * kPage);
+}
+
 TEST_F(RangesTest, AFileIsDividedAsItsBlocksGrow) {
   constexpr std::size_t kPages = 200;
   FileHandle& file = Begin(kPages);

@@ -217,12 +217,15 @@ TEST_F(ReadingTest, SequentialReadersFetchWhatTheyAreHanded) {
   }
 }
 
-TEST_F(ReadingTest, AReaderThatIsServedFromMemoryIsReadAheadOf) {
-  constexpr std::size_t kSize = std::size_t{200} * kBytes;
-  FileHandle& file = Begin(kSize);
-  for (std::uint64_t block = 0; block < 200; ++block) ReadBlockAndAwaitAhead(file, block);
-  EXPECT_EQ(file.GetStats().fetched, kSize);
-  EXPECT_EQ(file.GetStats().misses, 1u);
+TEST_F(ReadingTest, AReaderThatIsServedFromMemoryIsReadAheadOfWhereverItBegins) {
+  constexpr std::uint64_t kBlocks = 300;
+  for (const std::uint64_t first : {std::uint64_t{0}, std::uint64_t{100}}) {
+    FileHandle& file = Begin(kBlocks * kBytes);
+    for (std::uint64_t block = first; block < kBlocks; ++block) ReadBlockAndAwaitAhead(file, block);
+    EXPECT_EQ(file.GetStats().fetched, (kBlocks - first) * kBytes);
+    EXPECT_EQ(file.GetStats().misses, first == 0 ? 1u : 3u);
+    EXPECT_TRUE(file.Close().ok());
+  }
 }
 
 TEST_F(ReadingTest, NoMoreThanHalfOfTheMemoryIsReadAhead) {
@@ -275,6 +278,17 @@ TEST_F(ReadingTest, NothingIsFetchedBeyondTheEnd) {
   EXPECT_EQ(world_.dispatcher().GetStats().reads.bytes, kSize);
   const std::uint64_t asked = reads();
   EXPECT_EQ(asked, 11u) << "as many transfers as there are blocks";
+}
+
+// Which would cost more than the hit itself.
+TEST_F(ReadingTest, AHitLeavesNoLineInTheTrace) {
+  FileHandle& file = Begin(kBytes);
+  ExpectRead(file, 0, kBytes);
+  const std::uint64_t lines = world_.logger.lines();
+  ExpectRead(file, 0, kBytes);
+  ExpectRead(file, 100, 200);
+  EXPECT_EQ(world_.logger.lines(), lines);
+  EXPECT_EQ(file.GetStats().hits, 2u);
 }
 
 // ---- many at once ----
