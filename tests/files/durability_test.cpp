@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -533,6 +534,25 @@ TEST_F(KeptWriteTest, ParkedBytesAreCounted) {
   EXPECT_TRUE(FileWorld::Await([&] { return file.GetStats().parked == kBlock + 10; }));
   EXPECT_EQ(world_.files().GetStats().parked, kBlock + 10);
   EXPECT_GT(file.GetStats().in_flight, 0u);
+  world_.script.Heal();
+}
+
+TEST_F(KeptWriteTest, ADiscardIsForgottenWithTheLastHandle) {
+  world_.script.Fail({vesk::kFaultWrite}, EIO);
+  for (unsigned i = 0; i < 2; ++i) {
+    std::unique_ptr<FileHandle> file;
+    ASSERT_TRUE(world_.files().Open("a", FileWorld::Writing(), &file).ok());
+    World::Write(*file, "bytes", 0);
+    (void)file->Flush();
+    EXPECT_TRUE(FileWorld::Await([&] { return file->GetStats().parked == 5; })) << "time " << i;
+    file->Discard();
+    EXPECT_TRUE(FileWorld::Await([&] { return file->GetStats().dirty == 0; }));
+    World::Write(*file, "again", 0);
+    (void)file->Flush();
+    EXPECT_TRUE(FileWorld::Await([&] { return file->GetStats().in_flight == 0; })) << "it is kept";
+    file->Discard();
+    (void)file->Close();
+  }
   world_.script.Heal();
 }
 

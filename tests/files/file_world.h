@@ -74,9 +74,9 @@ class ScriptedStore final : public vesk::Decorator {
   }
 
   // Operations do not begin until Heal.
-  void Hold(const Which& which) {
+  void Hold(const Which& which, int times = std::numeric_limits<int>::max()) {
     const vesk::MutexLock guard(mutex_);
-    rules_.push_back({which, 0, std::numeric_limits<int>::max()});
+    rules_.push_back({which, 0, times});
   }
 
   // Operations take place at once; their ends are not told until ReleaseEnds or Heal.

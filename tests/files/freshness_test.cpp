@@ -177,6 +177,33 @@ TEST_F(FreshnessTest, OwnWritesAreNotTakenForForeignChanges) {
   EXPECT_EQ(world_.Stored("a"), expected);
 }
 
+TEST_F(FreshnessTest, AForeignChangeAfterOwnWritesIsTold) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "own", 0);
+  EXPECT_TRUE(file.Sync().ok());
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3));
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+  const std::string same_size = std::string(old_.size(), 'x');
+  world_.Put("a", same_size);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), same_size);
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kChanged);
+}
+
+TEST_F(FreshnessTest, ALookThatMeetsARenameIsDoneByTheNewName) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultStat, "a"}, 1);
+  Pass();
+  Task asking([&] { EXPECT_EQ(World::Read(file, 0, 600), old_); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(world_.files().Rename("a", "b").ok());
+  world_.script.Heal();
+  EXPECT_TRUE(asking.Await());
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+}
+
 TEST_F(FreshnessTest, OwnWritesOnTheirWayAreNotTakenForForeignChanges) {
   FileHandle& file = world_.Open("a");
   World::Write(file, "own", 0);
@@ -424,6 +451,9 @@ TEST_F(FreshnessTest, ByPolicyRequestsFailWhenTheStoreCannotTell) {
   const vesk::Status append = file.Append("x", 1);
   EXPECT_NE(append.error(), 0);
   EXPECT_EQ(append.context().find("write-back"), std::string::npos) << append.context();
+  const Status truncate = file.Truncate(3);
+  EXPECT_NE(truncate.error(), 0);
+  EXPECT_EQ(truncate.context().find("write-back"), std::string::npos) << truncate.context();
   world_.script.Heal();
   EXPECT_EQ(World::Read(file, 0, 600), old_) << "at once: each request asks";
 }

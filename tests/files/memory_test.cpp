@@ -496,6 +496,7 @@ TEST_F(DirtyTest, TheAgeOfDirtyBytesIsThatOfTheFirstWrite) {
     clock_.Advance(seconds(1));
   }
   EXPECT_EQ(file.GetStats().oldest_dirty, seconds(6));
+  EXPECT_EQ(Begin("clean").GetStats().oldest_dirty, seconds(0));
   world_.files().Tend();
   EXPECT_EQ(world_.script.held(), 1u);
 }

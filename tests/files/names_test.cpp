@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -147,6 +148,18 @@ TEST_P(NamesTest, ARenamedFileIsTendedByItsNewName) {
   World::Write(file, "bytes", 0);
   EXPECT_TRUE(file.Flush().ok());
   EXPECT_TRUE(World::Await([&] { return file.GetStats().dirty == 0; }));
+}
+
+TEST_P(NamesTest, AFileThatNobodyTendsIsRenamed) {
+  vesk::Services services = world_.services();
+  services.reaper = nullptr;
+  vesk::FileSystem files(services, world_.store(), world_.options);
+  std::unique_ptr<FileHandle> file;
+  ASSERT_TRUE(files.Open(Path("a"), FileWorld::Writing(), &file).ok());
+  World::Write(*file, "bytes", 0);
+  EXPECT_TRUE(files.Rename(Path("a"), Path("b")).ok());
+  EXPECT_EQ(Stored("b"), "bytes");
+  EXPECT_TRUE(file->Close().ok());
 }
 
 // The store has no such file any more, but that is not what became of the bytes.

@@ -376,7 +376,7 @@ TEST_F(MemoryInFrontTest, PermissionsAreSetHereAndOnDiskTakenInOrNot) {
   for (const bool taken_in : {false, true}) {
     PutOnDisk(path_, "abc");
     EXPECT_EQ(taken_in ? files_.ReadWhole(path_) : "abc", "abc");
-    const mode_t permissions = taken_in ? 0440 : 0604;
+    const mode_t permissions = taken_in ? 0441 : 0604;
     EXPECT_EQ(files_.names().SetPermissions(path_, permissions), 0);
     EXPECT_EQ(files_.Stat(path_).mode, S_IFREG | permissions);
     struct stat on_disk = {};

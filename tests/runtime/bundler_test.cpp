@@ -769,6 +769,17 @@ TEST_F(ShutdownTest, WhatCannotFinishEndsWithAClearCode) {
   EXPECT_EQ(job->get()->GetReturnValue(), ESHUTDOWN);
 }
 
+TEST_F(ShutdownTest, WaitsForWhatEndsSomeTimeAfterItWasCalledOff) {
+  const auto job = Read();
+  manual_.SubmitJob(job->get());
+  std::thread other([&] {
+    clock_.AwaitWaiters(1);
+    lock_backend_.End(job->get(), ESHUTDOWN);
+  });
+  EXPECT_TRUE(manual_.dispatcher().Shutdown(clock_.Now(), clock_.Now() + std::chrono::seconds(1)));
+  other.join();
+}
+
 TEST_F(ShutdownTest, SaysWhenJobsAreStuckInsideTheStore) {
   const auto job = Read();
   manual_.SubmitJob(job->get());

@@ -382,6 +382,7 @@ TEST_F(FaultsTest, AHeldJobIsPerformedWhenTheRuleHasRecovered) {
   clock_.Advance(seconds(1));
   VeskJob* const second = SubmitWrite("f");
   clock_.Advance(milliseconds(999));
+  std::this_thread::sleep_for(milliseconds(20));  // for an end that should not come yet
   EXPECT_EQ(first->GetJobState(), vesk::JOB_STATE_SUBMITTED);
   EXPECT_EQ(stack_->store.reached, 0);
   clock_.Advance(milliseconds(1));

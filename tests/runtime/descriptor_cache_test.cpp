@@ -54,6 +54,25 @@ TEST_F(DescriptorCacheTest, KeepsADescriptorForTheNextJob) {
   EXPECT_NE(Open("a"), Open("b"));
 }
 
+// A program may have been started without an input.
+TEST_F(DescriptorCacheTest, TakesTheFirstDescriptorOfAllWhenItIsFree) {
+  std::ofstream(directory_ / "a").flush();
+  const int input = dup(0);
+  close(0);
+  errno = EINTR;  // of an earlier call
+  std::shared_ptr<const Descriptor> descriptor;
+  EXPECT_EQ(cache_.Get({directory_ / "a", OpenFor::kRead}, &descriptor), 0);
+  ASSERT_NE(descriptor, nullptr);
+  EXPECT_EQ(descriptor->fd(), 0);
+  descriptor.reset();
+  cache_.Forget(directory_ / "a");
+  EXPECT_FALSE(IsOpen(0));
+  if (input >= 0) {
+    dup2(input, 0);
+    close(input);
+  }
+}
+
 TEST_F(DescriptorCacheTest, FindsWhatIsOpenAndOpensNothing) {
   EXPECT_EQ(Find("a"), nullptr);
   const auto opened = Open("a");

@@ -31,6 +31,13 @@ TEST(HistogramTest, OneValueIsEveryPercentile) {
   }
 }
 
+TEST(HistogramTest, ZeroCountsAsAnyOtherValue) {
+  Histogram histogram;
+  for (const std::uint64_t value : {0u, 0u, 0u, 10u}) histogram.Record(value);
+  EXPECT_EQ(histogram.Percentile(0.5), 0u);
+  EXPECT_EQ(histogram.Percentile(1.0), 10u);
+}
+
 TEST(HistogramTest, PercentilesAreExactToAnEighth) {
   Histogram histogram;
   std::uint64_t sum = 0;

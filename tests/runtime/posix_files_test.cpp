@@ -263,6 +263,17 @@ TEST_F(PosixFilesTest, StatTellsTheLastChangeInNanoseconds) {
   }
 }
 
+// Another program has put another file in its place: what is open is the old one.
+TEST_F(PosixFilesTest, AFileThatWasReplacedIsOpenedAgainOnceTheStatShowsIt) {
+  Put(name_, "old");
+  EXPECT_EQ(Read(name_, 3, 0), "old");
+  Put(directory_ / "new", "new");
+  std::filesystem::rename(directory_ / "new", name_);
+  vesk::FileInfo info;
+  EXPECT_EQ(Stat(name_, &info), 0);
+  EXPECT_EQ(Read(name_, 3, 0), "new");
+}
+
 TEST_F(PosixFilesTest, WithoutMemoryAJobFailsAndNoMore) {
   Put(name_, "0123456789");
   bool fired = true;

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "runtime/nearest_name.h"
+
 namespace vesk_test {
 namespace {
 
@@ -284,6 +286,21 @@ TEST(SettingTextTest, RefusesTextsThatWouldSpoilALine) {
   EXPECT_EQ(Told("log-file", std::string(4096, 'x')), std::string(4096, 'x'));
   EXPECT_EQ(Told("log-file", std::string(4097, 'x')),
             '\'' + std::string(100, 'x') + "...' is too long: at most 4096 bytes");
+}
+
+TEST(PrintableTextTest, WritesControlCharactersAsNumbersAndCutsWhatIsLonger) {
+  EXPECT_EQ(vesk::PrintableText("a~ \x7f\n\x1f", 10), "a~ \\x7f\\x0a\\x1f");
+  EXPECT_EQ(vesk::PrintableText("abc", 3), "abc");
+  EXPECT_EQ(vesk::PrintableText("abcd", 3), "abc...");
+}
+
+TEST(NearestNameTest, IsAtMostTwoLettersAway) {
+  const std::vector<std::string> known = {"abcdef", "abcxyz"};
+  EXPECT_EQ(vesk::NearestName("abcdef", known), "abcdef");
+  EXPECT_EQ(vesk::NearestName("abcdefgh", known), "abcdef");
+  EXPECT_EQ(vesk::NearestName("abcdefghi", known), "");
+  EXPECT_EQ(vesk::NearestName("abcxy", known), "abcxyz");
+  EXPECT_EQ(vesk::NearestName("bcxyzz", known), "abcxyz");
 }
 
 TEST(SettingTextTest, RefusesAStoreThatCannotBeUnderstood) {
