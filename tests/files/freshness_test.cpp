@@ -204,6 +204,17 @@ TEST_F(FreshnessTest, ALookThatMeetsARenameIsDoneByTheNewName) {
   EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
 }
 
+TEST_F(FreshnessTest, WhatWasNeverWrittenIsNoReasonToAsk) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "far", 1000);
+  const std::uint64_t stats = Stats();
+  for (unsigned i = 0; i < 2; ++i) {
+    EXPECT_EQ(World::Read(file, 500, 100), std::string(100, '\0'));
+    EXPECT_EQ(World::Read(file, 490, 20), old_.substr(490) + std::string(10, '\0'));
+  }
+  EXPECT_EQ(Stats(), stats);
+}
+
 TEST_F(FreshnessTest, OwnWritesOnTheirWayAreNotTakenForForeignChanges) {
   FileHandle& file = world_.Open("a");
   World::Write(file, "own", 0);

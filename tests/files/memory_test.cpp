@@ -368,6 +368,17 @@ TEST_F(DirtyTest, WritersAreSlowedDownAboveTheSoftLimit) {
   EXPECT_GE(world_.script.held(), 1u) << "writing out has begun";
 }
 
+TEST_F(DirtyTest, AWriteCountsForNoMoreThanItMakesDirty) {
+  world_.options.dirty_soft = 3 * kPage + 200;
+  FileHandle& file = Begin("file");
+  HoldWrites();
+  for (std::uint64_t page = 0; page < 3; ++page) FileWorld::Write(file, PageOf('x'), page * kPage);
+  FileWorld::Write(file, std::string(100, 'y'), 4 * kPage);
+  FileWorld::Write(file, std::string(100, 'y'), 4 * kPage + 100);
+  EXPECT_EQ(file.GetStats().dirty, 3u * kPage + 200);
+  EXPECT_EQ(world_.files().GetStats().throttled, 0u);
+}
+
 TEST_F(DirtyTest, WritersWaitAtTheHardLimitUntilBytesAreStored) {
   FileHandle& file = Begin("file");
   HoldWrites();
