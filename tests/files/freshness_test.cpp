@@ -549,7 +549,16 @@ TEST_F(FreshnessTest, ByPolicyOthersWaitWhileOneRequestAsksTheStore) {
   Task asking([&] { EXPECT_EQ(World::Read(file, 0, 600), new_); });
   world_.script.AwaitHeld(1);
   Task other([&] { EXPECT_EQ(World::Read(file, 0, 600), new_); });
+  Task third([&] {
+    std::string bytes(10, '?');
+    std::size_t moved = 0;
+    (void)file.ReadAt(bytes.data(), 10, 0, &moved);
+  });
   std::this_thread::sleep_for(milliseconds(20));  // for an answer that should not come yet
+  EXPECT_FALSE(third.Ended());
+  third.Cancel();  // which wakes the others as well
+  EXPECT_TRUE(third.Await());
+  std::this_thread::sleep_for(milliseconds(20));
   EXPECT_FALSE(other.Ended());
   world_.script.Heal();
   EXPECT_TRUE(asking.Await());
