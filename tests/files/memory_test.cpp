@@ -239,6 +239,25 @@ TEST_F(MemoryTest, TheFileUsedLeastRecentlyGivesABlockFirst) {
   EXPECT_EQ(reads(), before + 1);
 }
 
+// However much is needed at once, no file gives more than what is older than the others' blocks.
+TEST_F(MemoryTest, ABlockThatNeedsSeveralOthersTakesTheOldestOfAllFiles) {
+  Configure(world_, 4);
+  world_.options.block_size = 4 * kPage;
+  FileHandle& a = Begin("a", 8);
+  FileHandle& b = Begin("b", 8);
+  FileHandle& c = Begin("c", 0);
+  for (FileHandle* const file : {&a, &b}) file->Advise(Advice::kRandom);  // single pages
+  for (const std::uint64_t page : {0u, 4u}) {
+    ReadPage(a, page);
+    ReadPage(b, page);
+  }
+  FileWorld::Write(c, PageOf('x') + PageOf('y'), 0);
+  const std::uint64_t before = reads();
+  ReadPage(a, 4);
+  ReadPage(b, 4);
+  EXPECT_EQ(reads(), before);
+}
+
 TEST_F(MemoryTest, DirtyBlocksAndThoseInFlightNeverGo) {
   Configure(world_, 4);
   FileHandle& file = Begin("file", 64);
