@@ -668,6 +668,33 @@ TEST(ReadAheadTest, SpeedIsAveragedOverMeasurements) {
   EXPECT_EQ(reader.ahead.window(), 26 * kBlock) << "twice the mean of 10 and 16";
 }
 
+TEST(ReadAheadTest, AReaderThatSlowsDownLosesAQuarterOfItsWindowAtATime) {
+  Reader reader(kBlock, 99);
+  reader.latency = kLatency;
+  reader.Miss(0);
+  std::uint64_t block = 0;
+  const auto read_blocks_in_a_latency = [&](std::uint64_t count) {
+    for (std::uint64_t i = 0; i < count; ++i) reader.Hit(++block * kBlock);
+    reader.now += kLatency;
+  };
+  for (int i = 0; i < 20; ++i) read_blocks_in_a_latency(10);
+  read_blocks_in_a_latency(1);
+  ASSERT_EQ(reader.ahead.window(), 20 * kBlock);
+  read_blocks_in_a_latency(1);
+  EXPECT_EQ(reader.ahead.window(), 15 * kBlock) << "though eleven would do";
+}
+
+TEST(ReadAheadTest, TheSpeedOfAReaderInTheMiddleIsThatSinceItWasSeen) {
+  Reader reader(kBlock, 99);
+  reader.latency = kLatency;
+  reader.ConfirmAt(256 * kMiB, kBlock);
+  for (std::uint64_t block = 3; block < 12; ++block) {
+    reader.Hit(256 * kMiB + block * kBlock);
+    reader.now += kLatency;
+  }
+  EXPECT_LE(reader.ahead.window(), 4 * kBlock) << "one block in a latency";
+}
+
 TEST(ReadAheadTest, OnePauseDoesNotTakeTheWindowAway) {
   Simulated simulated(kBlock, 16, 64 * kMiB);
   for (std::uint64_t at = 0; at < 16 * kMiB; at += kPage) simulated.Read(at);
