@@ -1030,8 +1030,9 @@ bool Node::IsChanged(const Sight& sight) const {
 }
 
 // Somebody else may have changed the store's file: what is clean is fetched again. False: it could
-// not be done now. Where bytes of ours were on their way the file is looked at once more while nobody
-// writes: what is on its way then can only make it as long as it is here, whenever it arrives.
+// not be done now. Where bytes of ours were on their way the file is looked at once more while
+// nobody writes: what is on its way then can only make it as long as it is here, whenever it
+// arrives.
 bool Node::Forget(Sight* sight) {
   const Quiet quiet(*this, Quiet::What::kAsItIs);
   if (quiet.outcome().error != 0) return false;

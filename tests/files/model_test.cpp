@@ -165,6 +165,10 @@ Shape AnyShape(const Trouble& trouble, Random& random) {
   options.when_unknown = OneOf(random, {vesk::UnknownPolicy::kServe, vesk::UnknownPolicy::kFail});
   options.check_patience =
       OneOf<Clock::Duration>(random, {milliseconds(1), seconds(1), seconds(10)});
+  // Asked for less time than it takes, a store never tells, and every request fails by that policy.
+  if (trouble.latency && options.when_unknown == vesk::UnknownPolicy::kFail) {
+    options.check_patience = std::max<Clock::Duration>(options.check_patience, seconds(1));
+  }
   options.background = !OneIn(random, 4);
   // A request of many blocks is as many jobs.
   shape.longest = std::min<std::uint64_t>(kLongestRequest, block * (trouble.latency ? 100 : 600));
