@@ -233,7 +233,7 @@ class FileReader {
 // The line of a file that says `value`, in the quotes in which the reader takes it for just that.
 std::string FileLine(const Setting& setting, const std::string& value) {
   for (const char quote : {'"', '\''}) {
-    const std::string line = setting.name + " = " + quote + value + quote;
+    std::string line = setting.name + " = " + quote + value + quote;
     FileReader reader;
     if (reader.Read(line).empty() && reader.entries().front().text == value) return line;
   }
