@@ -47,14 +47,12 @@ class Holder final : public MemoryBudget::Source {
 
   std::atomic<bool> busy{false};
   unsigned busy_for = 0;           // times that it is asked in vain
-  bool lowers = false;             // it gets the oldest block of all while it evicts
   std::atomic<unsigned> asked{0};  // times that it had to evict
 
  private:
   Left Evict(std::uint64_t bytes, std::uint64_t newest) override {
     Left left;
     ++asked;
-    if (std::exchange(lowers, false)) budget_.Lower(*this, 0);
     if (busy) return left;
     if (busy_for > 0) {
       --busy_for;
@@ -162,18 +160,6 @@ TEST_F(MemoryBudgetTest, SourcesAreAskedForAsLongAsTheyGiveSomething) {
   memory.TakeUpTo(10);
   EXPECT_EQ(memory.bytes(), 10u);
   EXPECT_GE(a.asked + b.asked, 10u) << "they take turns, since each has the next older block";
-}
-
-TEST_F(MemoryBudgetTest, ASourceThatGetsAnOlderBlockWhileItEvictsIsAskedFirstAfterwards) {
-  Holder a(budget_, "a", &evicted_);
-  Holder b(budget_, "b", &evicted_);
-  for (Holder* const holder : {&a, &a, &a, &b, &b, &b, &b, &a, &a, &a}) holder->Make();
-  a.lowers = true;
-  Reservation memory(budget_);
-  EXPECT_EQ(memory.Reserve(3), 0);
-  EXPECT_EQ(a.asked, 1u);
-  EXPECT_EQ(memory.Reserve(4), 0);
-  EXPECT_EQ(a.asked, 2u) << "though its oldest block is younger than those of the other one";
 }
 
 TEST_F(MemoryBudgetTest, TakeUpToTakesNothingFromAnybodyWhileOthersWait) {
