@@ -75,7 +75,8 @@ class FileHandle {
   Status Sync();
 
   // Sets the length; a longer file reads as zeros from its old end on. What was written is stored
-  // first. Others' requests wait meanwhile.
+  // first. Others' requests wait meanwhile. One that meets its limits may take place all the same:
+  // reads and writes that follow wait, within theirs, until it has or has failed.
   Status Truncate(std::uint64_t size);
 
   std::uint64_t Size() const;

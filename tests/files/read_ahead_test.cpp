@@ -652,35 +652,36 @@ TEST(ReadAheadTest, ReaderThatIsSlowByItselfGetsTwiceItsBandwidthTimesTheLatency
   EXPECT_EQ(simulated.waits, 0u);
 }
 
-TEST(ReadAheadTest, SpeedIsAveragedOverMeasurements) {
-  Reader reader(kBlock, 99);
-  reader.latency = kLatency;
-  reader.Miss(0);
+// Reads block after block, so many of them in the time that a fetch takes.
+struct PacedReader : Reader {
+  PacedReader() : Reader(kBlock, 99) {
+    latency = kLatency;
+    Miss(0);
+  }
+
+  void ReadInALatency(std::uint64_t blocks) {
+    for (std::uint64_t i = 0; i < blocks; ++i) Hit(++block * kBlock);
+    now += kLatency;
+  }
+
   std::uint64_t block = 0;
-  const auto read_blocks_in_a_latency = [&](std::uint64_t count) {
-    for (std::uint64_t i = 0; i < count; ++i) reader.Hit(++block * kBlock);
-    reader.now += kLatency;
-  };
-  for (int i = 0; i < 20; ++i) read_blocks_in_a_latency(10);
+};
+
+TEST(ReadAheadTest, SpeedIsAveragedOverMeasurements) {
+  PacedReader reader;
+  for (int i = 0; i < 20; ++i) reader.ReadInALatency(10);
   ASSERT_EQ(reader.ahead.window(), 20 * kBlock);
-  read_blocks_in_a_latency(16);  // measured at the first read after it
-  read_blocks_in_a_latency(1);
+  reader.ReadInALatency(16);  // measured at the first read after it
+  reader.ReadInALatency(1);
   EXPECT_EQ(reader.ahead.window(), 26 * kBlock) << "twice the mean of 10 and 16";
 }
 
 TEST(ReadAheadTest, AReaderThatSlowsDownLosesAQuarterOfItsWindowAtATime) {
-  Reader reader(kBlock, 99);
-  reader.latency = kLatency;
-  reader.Miss(0);
-  std::uint64_t block = 0;
-  const auto read_blocks_in_a_latency = [&](std::uint64_t count) {
-    for (std::uint64_t i = 0; i < count; ++i) reader.Hit(++block * kBlock);
-    reader.now += kLatency;
-  };
-  for (int i = 0; i < 20; ++i) read_blocks_in_a_latency(10);
-  read_blocks_in_a_latency(1);
+  PacedReader reader;
+  for (int i = 0; i < 20; ++i) reader.ReadInALatency(10);
+  reader.ReadInALatency(1);
   ASSERT_EQ(reader.ahead.window(), 20 * kBlock);
-  read_blocks_in_a_latency(1);
+  reader.ReadInALatency(1);
   EXPECT_EQ(reader.ahead.window(), 15 * kBlock) << "though eleven would do";
 }
 
