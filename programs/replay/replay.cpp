@@ -367,11 +367,26 @@ Block& Replay::Known(Block* block, std::uint64_t off, const Told& told) {
 void Replay::About(Block& block) {
   block.told = totals_.lines;
   seat_->block = {block.off, block.id};
+  Settle(block, true);
+}
+
+// The block is no longer new: either its request has `returned`, or it is one that reads. Nothing
+// else is told of a block before.
+void Replay::Settle(const Block& block, bool returned) {
   std::vector<Ref>& fresh = seat_->fresh;
-  fresh.erase(std::remove_if(fresh.begin(), fresh.end(),
-                             [&block](const Ref& ref) { return ref.id == block.id; }),
-              fresh.end());
-  if (fresh.empty()) seat_->returned = 0;
+  const auto found = std::find_if(fresh.begin(), fresh.end(),
+                                  [&block](const Ref& ref) { return ref.id == block.id; });
+  if (found == fresh.end()) return;
+  fresh.erase(found);
+  if (returned && seat_->returned > 0) --seat_->returned;
+  ForgetReturned();
+}
+
+// When all that may be new have returned, none is.
+void Replay::ForgetReturned() {
+  if (seat_->returned < seat_->fresh.size()) return;
+  seat_->fresh.clear();
+  seat_->returned = 0;
 }
 
 void Replay::Erase(const Block& block) {
@@ -544,6 +559,7 @@ void Replay::PassTo(const Block& block) {
   while (entry != file_->blocks.end() && entry->second.id != block.id) ++entry;
   if (entry == file_->blocks.end()) return;  // it lies before: a request that has begun again
   for (auto gone = first; gone != entry; gone = file_->blocks.erase(gone)) {
+    Settle(gone->second, true);
     Untold(gone->second, "was dropped");
   }
 }
@@ -571,6 +587,7 @@ void Replay::DropOverlapped(std::uint64_t off, std::uint64_t end) {
       ++entry;
       continue;
     }
+    Settle(entry->second, true);
     Untold(entry->second, "was dropped");
     entry = file_->blocks.erase(entry);
   }
@@ -642,7 +659,9 @@ void Replay::TakeReadJob(const Values& v) {
   Told told;
   told.length = Length(v.numbers[2]);
   told.valid = 0;
-  Block& block = Known(v.numbers[1], told);
+  Block* const found = Best(v.numbers[1], told);
+  if (found != nullptr) Settle(*found, false);
+  Block& block = Known(found, v.numbers[1], told);
   if (block.state &&
       (Has(block, kBusy | kDirty) || state != ((*block.state & ~(kInvalid | kValid)) | kReading))) {
     Contradict(Name(block) + ": no read was expected in state " + StateText(*block.state) +
@@ -834,9 +853,8 @@ void Replay::TakeReturning(const Values& v) {
     if (Block* const block = Get(ref)) Blur(*block);
   }
   Doubtful("which new block was written (lines of several threads, which are not told)");
-  if (++seat_->returned < seat_->fresh.size()) return;
-  seat_->fresh.clear();  // all of them were
-  seat_->returned = 0;
+  ++seat_->returned;
+  ForgetReturned();
 }
 
 void Replay::TakeEof(const Values& v) {

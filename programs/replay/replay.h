@@ -179,6 +179,8 @@ class Replay {
   Block& Known(Block* block, std::uint64_t off, const Told& told);
   Block& Insert(Blocks::iterator before, std::uint64_t off);
   void About(Block& block);
+  void Settle(const Block& block, bool returned);
+  void ForgetReturned();
   void Erase(const Block& block);
   void Learn(Block& block, const Told& told);
   void LearnState(Block& block, unsigned told);

@@ -570,5 +570,30 @@ TEST_F(ReplayLogTest, DoesNotMissTheLinesOfALevelThatWasNotLogged) {
   EXPECT_EQ(replay_.totals().untold, 1u);
 }
 
+// Three threads write into two streams of one name. The first one's line of its new block is
+// followed by those of the others for a long time.
+TEST_F(ReplayLogTest, KeepsABlockNewUntilItsOwnRequestHasReturned) {
+  const auto state_at = [this](std::uint64_t off) {
+    return replay_.files().at("f").blocks.find(off)->second.state;
+  };
+  Feed("VeskStream:493 f New buffer O:0 L:10 AS:10 ML:50");
+  Feed("VeskStream:493 f New buffer O:50 L:10 AS:10 ML:99");
+  EXPECT_EQ(Feed("VeskStream:756 f Returning 10"), std::vector<Note::Kind>{Note::Kind::kDoubt});
+  Feed("VeskStream:520 f Finding buffer B_O:50 B_L:10 B_DL:10 O:60 L:9 S:0 ST:2");
+  Feed("VeskStream:493 f New buffer O:60 L:10 AS:10 ML:99");
+  EXPECT_EQ(Feed("VeskStream:756 f Returning 9"), std::vector<Note::Kind>{Note::Kind::kDoubt});
+  Feed("VeskStream:520 f Finding buffer B_O:60 B_L:10 B_DL:9 O:70 L:9 S:0 ST:2");
+  Feed("VeskStream:493 f New buffer O:70 L:9 AS:10 ML:99");
+  EXPECT_EQ(Feed("VeskStream:756 f Returning 10"), std::vector<Note::Kind>{Note::Kind::kDoubt})
+      << "it may be the first one's";
+  Feed("VeskStream:254 f Creating Read job 0x10 O:70 L:9 ST:8");
+  EXPECT_EQ(replay_.totals().contradictions, 0u);
+  EXPECT_EQ(state_at(70), 8u);
+  // All are settled: what is written next is told again.
+  Feed("VeskStream:493 f New buffer O:20 L:10 AS:10 ML:50");
+  Feed("VeskStream:756 f Returning 10");
+  EXPECT_EQ(state_at(20), 2u);
+}
+
 }  // namespace
 }  // namespace vesk_test
