@@ -509,7 +509,7 @@ inline void Node::ReadOn(ReadAhead& ahead, std::uint64_t offset, std::uint64_t l
 // What most reads of a warm file come to. False: nothing has happened.
 bool Node::Hit(unsigned char* destination, std::size_t length, std::uint64_t offset) {
   const std::uint64_t size = core_.size.load(std::memory_order_relaxed);
-  if (offset >= size || length > size - offset || length > kMaxPiece || length == 0) return false;
+  if (offset >= size || length > kMaxPiece || length == 0) return false;
   const unsigned now = WallSeconds();
   const int interval = gEnv->settings->refresh_interval;
   if (IsCheckDue(now, interval) || Refusal() != 0) return false;
@@ -746,10 +746,10 @@ Outcome Node::DrainAll() {
     if (core_.broken) return {EIO, false};
     if (core_.failures.count() != before) return {core_.failures.last_error(), true};
     if (const int error = core_.failures.Any()) return {error, true};
+    if (idle()) return {};
     StartWrites();
     JobList jobs;
     ListJobs(true, &jobs);
-    if (jobs.jobs().empty() && idle()) return {};
     const Outcome outcome = AwaitJobs(jobs, nullptr, before);
     if (outcome.write_back || core_.broken) return outcome;
     if (const int error = RequestScope::Exceeded(services_.clock)) return {error, false};
@@ -763,9 +763,9 @@ Outcome Node::StopAll() {
   if (services_.retry != nullptr) Abandon();
   for (;;) {
     if (core_.broken) return {EIO, false};
+    if (in_flight() == 0) return {};
     JobList jobs;
     ListJobs(true, &jobs);
-    if (jobs.jobs().empty() && in_flight() == 0) return {};
     (void)AwaitJobs(jobs, nullptr, core_.failures.count());
     if (const int error = RequestScope::Exceeded(services_.clock)) return {error, false};
   }

@@ -31,9 +31,8 @@ std::uint64_t DataEnd(const VeskBuffer& block) {
 
 bool Is(const VeskBuffer& block, unsigned int states) { return block.GetState(states) != 0; }
 
-bool IsIdleAndClean(const VeskBuffer& block) {
-  return block.job == nullptr && Is(block, VeskBuffer::VALID);
-}
+// A block with a job is neither VALID nor DIRTY.
+bool IsIdleAndClean(const VeskBuffer& block) { return Is(block, VeskBuffer::VALID); }
 
 // Keeps a stream for the rest of the process: its blocks may be dirty or in flight, so destroying
 // it would end the process, or let a job write into freed memory. Kept in reach, so that a leak
@@ -690,7 +689,7 @@ void Range::Forget() {
   for (Use& use : uses_) {
     VeskBuffer& block = *use.block;
     if (Is(block, VeskBuffer::IOR)) use.dropped = true;
-    if (Is(block, VeskBuffer::DIRTY) && block.job == nullptr) {
+    if (Is(block, VeskBuffer::DIRTY)) {
       block.ReduceLength(stream_->name, static_cast<int>(block.dirty_length));
     }
   }
@@ -701,7 +700,7 @@ void Range::Discard() {
   for (Use& use : uses_) {
     VeskBuffer& block = *use.block;
     if (Is(block, VeskBuffer::IOW)) use.dropped = true;
-    if (!Is(block, VeskBuffer::DIRTY) || block.job != nullptr) continue;
+    if (!Is(block, VeskBuffer::DIRTY)) continue;
     block.state = VeskBuffer::VALID;
     block.dlen = block.dirty_length = 0;
   }

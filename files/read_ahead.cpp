@@ -136,9 +136,7 @@ std::uint64_t ReadAhead::Distance(const Run& run, const Read& read) const {
     const std::uint64_t gap = read.offset > run.end ? read.offset - run.end : run.end - read.offset;
     return gap <= NearUnconfirmed(read.length) ? gap : kFar;
   }
-  const std::uint64_t slack = std::max(run.window, NearConfirmed(read.length));
-  if (read.last() < run.block || read.offset < Sub(run.block, slack)) return kFar;
-  if (read.offset > ReachOf(run, read.length)) return kFar;
+  if (read.last() < run.block || read.offset > ReachOf(run, read.length)) return kFar;
   return Sub(read.offset, BlockEnd(run));
 }
 

@@ -138,6 +138,9 @@ std::string Inspector::Check(const FileSystem& files, bool idle,
         const std::string wrong = WrongBlock(*block);
         if (!wrong.empty()) return what + wrong;
         const bool reading = block->GetState(VeskBuffer::IOR) != 0;
+        // What is cut is cut under the turn, the size last.
+        const bool beyond = !reading && block->off + block->dlen > node->core_.size;
+        if (beyond && !node->turn_.IsTakenFrom(nullptr)) return what + "has data behind the end";
         if (reading) ++reads;
         if (reading && block->job->GetJobState() != JOB_STATE_DONE) ++unfinished;
         ++use;

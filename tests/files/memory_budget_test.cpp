@@ -43,6 +43,8 @@ class Holder final : public MemoryBudget::Source {
     memory.Use(1);
     stamps_.push_back(budget_.Stamp());
   }
+  // Its newest block is used once more.
+  void Use() { stamps_.back() = budget_.Stamp() + 1; }
   std::size_t size() const { return stamps_.size(); }
 
   std::atomic<bool> busy{false};
@@ -135,6 +137,18 @@ TEST_F(MemoryBudgetTest, ASourceThatIsBusyIsPassedOver) {
   a.busy = false;
   EXPECT_EQ(memory.Reserve(9), 0);
   EXPECT_EQ(a.size(), 1u);
+}
+
+TEST_F(MemoryBudgetTest, ASourceThatIsBusyIsPutBehindTheBlockUsedLast) {
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  for (unsigned i = 0; i < 9; ++i) a.Make();
+  b.Make();
+  b.Use();
+  a.busy = true;
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(1), 0);
+  EXPECT_EQ(a.asked, 1u);
 }
 
 TEST_F(MemoryBudgetTest, ASourceMayBeAskedInVainTwice) {
@@ -287,6 +301,18 @@ TEST_F(MemoryBudgetTest, WaitsEndWithTheDeadlineOrWhenTheyAreCalledOff) {
   mine.Reset();
   EXPECT_TRUE(last.Await()) << "those who gave up are in its way";
   EXPECT_EQ(budget_.used(), 0u);
+}
+
+TEST_F(MemoryBudgetTest, AWaitThatIsWokenInVainAgainAndAgainEndsWithItsDeadline) {
+  Reservation mine(budget_);
+  ASSERT_EQ(mine.Reserve(10), 0);
+  budget_.OnShort([this] {
+    clock_.Advance(std::chrono::milliseconds(100));
+    budget_.Changed();
+  });
+  const vesk::RequestScope scope({clock_.Now() + seconds(2), nullptr});
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(1), ETIMEDOUT);
 }
 
 // Again and again, since whoever is woken first may not be the one whose turn it is.
