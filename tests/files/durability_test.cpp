@@ -479,8 +479,9 @@ TEST(WriteThatIsNotKeptTest, WhoWaitsForItIsToldWhenItFails) {
   world.script.Hold({vesk::kFaultWrite});
   EXPECT_TRUE(file.Flush().ok());
   world.script.AwaitHeld(1);
+  const int references = world.script.HeldReferences();
   Task writer([&] { FileWorld::Write(file, "x", 0, EIO); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // for the writer to wait
+  EXPECT_TRUE(FileWorld::Await([&] { return world.script.HeldReferences() > references; }));
   world.script.EndHeld(EIO);
   EXPECT_TRUE(writer.Await());
   world.script.Heal();

@@ -162,6 +162,12 @@ class ScriptedStore final : public vesk::Decorator {
     return held_count_ + ends_.size();
   }
 
+  // To the job held longest: whoever waits for it has one.
+  int HeldReferences() const {
+    const vesk::MutexLock guard(mutex_);
+    return held_.Empty() ? 0 : held_.First()->GetRefCount();
+  }
+
   // Operations of these kinds that have come, whatever became of them.
   std::uint64_t Count(vesk::FaultOperations operations) const {
     const vesk::MutexLock guard(mutex_);

@@ -5,8 +5,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <fstream>
@@ -177,17 +179,32 @@ TEST_F(DescriptorCacheTest, ForgettingANameLeavesItsNeighboursAlone) {
   EXPECT_NE(Find("ab"), nullptr);
 }
 
+// The system call that the thread of this process is in; -1: none.
+long SystemCallOf(pid_t thread) {
+  long number = -1;
+  std::ifstream("/proc/self/task/" + std::to_string(thread) + "/syscall") >> number;
+  return number;
+}
+
 // Opening takes time, in which a name may come to stand for another file: such a descriptor serves
 // its job and is not kept. A FIFO is open for reading when somebody opens it for writing.
 TEST_F(DescriptorCacheTest, DoesNotKeepWhatWasForgottenWhileItWasOpened) {
   const std::string fifo = directory_ / "fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::atomic<pid_t> thread{0};
   std::thread opener([&] {
+    thread = static_cast<pid_t>(syscall(SYS_gettid));
     std::shared_ptr<const vesk::Descriptor> descriptor;
     EXPECT_EQ(cache_.Get({fifo, vesk::OpenFor::kRead}, &descriptor), 0);
     EXPECT_NE(descriptor, nullptr);
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // time for the open to begin
+  const auto watchdog = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (thread == 0 || SystemCallOf(thread) != SYS_openat) {
+    std::this_thread::yield();
+    if (std::chrono::steady_clock::now() < watchdog) continue;
+    ADD_FAILURE() << "the open does not begin";
+    break;
+  }
   cache_.Forget(fifo);
   const int writer = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
   opener.join();

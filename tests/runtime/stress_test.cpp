@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <ctime>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -533,17 +532,13 @@ TEST_F(ManyStreamsTest, TheReaperIsIdleBesideThousandsOfWritesInFlightAndCollect
   const auto watchdog = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   const auto pause = [] { std::this_thread::sleep_for(std::chrono::milliseconds(100)); };
   vesk::Reaper::Stats before = reaper.GetStats();
-  for (pause(); reaper.GetStats().wakeups != before.wakeups; pause()) {
+  for (int quiet = 0; quiet < 3;) {
+    pause();
+    const vesk::Reaper::Stats now = reaper.GetStats();
+    quiet = now.wakeups == before.wakeups && now.looks == before.looks ? quiet + 1 : 0;
+    before = now;
     ASSERT_LT(std::chrono::steady_clock::now(), watchdog) << "the reaper does not come to rest";
-    before = reaper.GetStats();
   }
-  const std::clock_t cpu_before = std::clock();
-  pause();
-  pause();
-  RecordProperty("cpu_microseconds_of_200000_idle",
-                 static_cast<int>((std::clock() - cpu_before) * 1000000 / CLOCKS_PER_SEC));
-  EXPECT_EQ(reaper.GetStats().wakeups, before.wakeups);
-  EXPECT_EQ(reaper.GetStats().looks, before.looks);
 
   backend.Open();
   const auto collected = [&] {
