@@ -29,7 +29,7 @@ class DurabilityTest : public ::testing::TestWithParam<FileWorld::Kind> {
   using World = FileWorld;
 
   // A sync that has to end: a failure is told, or the time is over.
-  int Sync(FileHandle& file, milliseconds time = milliseconds(50)) {
+  int Sync(FileHandle& file, milliseconds time = std::chrono::seconds(2)) {
     const RequestScope scope(world_.In(time));
     return file.Sync().error();
   }
@@ -67,7 +67,7 @@ TEST_P(DurabilityTest, SeveralSyncsOfOneHandleAllSayThatAFailingWriteIsNotStored
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
-      if (Sync(file) == 0) ++successes;
+      if (Sync(file, milliseconds(50)) == 0) ++successes;
     });
   }
   for (std::thread& thread : threads) thread.join();
@@ -271,7 +271,7 @@ TEST_P(DurabilityTest, ACloseWithUnsavedBytesSaysSoAndTheHandleGoesOn) {
   World::Write(file, std::string(100, 'x'), 0);
   Status status;
   {
-    const RequestScope scope(world_.In(milliseconds(50)));
+    const RequestScope scope(world_.In(kPatience));
     status = file.Close();
   }
   EXPECT_EQ(status.error(), ENOSPC);
