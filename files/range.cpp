@@ -473,7 +473,7 @@ inline Range::Use* Range::UseAt(std::uint64_t offset) {
   const std::uint64_t guess = (offset - uses_.front().off) >> core_.block_shift;
   if (guess < uses_.size()) {
     Use& use = uses_[guess];
-    if (use.off <= offset && offset - use.off < core_.block_size) return &use;
+    if (use.off <= offset && offset < BlockEnd(*use.block)) return &use;
   }
   const std::size_t index = IndexAt(offset);
   return index < uses_.size() && uses_[index].off <= offset ? &uses_[index] : nullptr;
