@@ -27,12 +27,6 @@ constexpr std::size_t kMaxPiece = 1u << 30;
 // Times that a request repeats before it takes the file's turn.
 constexpr unsigned kPatience = 8;
 
-void Raise(std::atomic<std::uint64_t>* value, std::uint64_t least) {
-  std::uint64_t old = value->load();
-  while (old < least && !value->compare_exchange_weak(old, least)) {
-  }
-}
-
 bool Failed(int result) { return result != 0 && result != RC_EOF; }
 
 }  // namespace

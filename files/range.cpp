@@ -55,6 +55,7 @@ bool IsOlder(const VeskBuffer& block, unsigned int now, int interval) {
          static_cast<long>(now) - static_cast<long>(block.ltime) > interval;
 }
 
+// That the stream has started: their blocks may have been handed on since.
 unsigned int ReadsInFlight(VeskStream& stream) {
   pthread_mutex_lock(&stream.stream_mutex);
   const unsigned int count = stream.pending_io;
@@ -148,8 +149,7 @@ std::uint64_t Range::FullBefore(std::uint64_t offset) const {
 Range::Divided Range::DivideInto(Range& upper, std::uint64_t at) {
   const auto first =
       std::find_if(uses_.begin(), uses_.end(), [at](const Use& use) { return use.off >= at; });
-  if (first != uses_.begin() && BlockEnd(*std::prev(first)->block) > at) return {};
-  if (first != uses_.end() && first == uses_.begin()) return {};
+  if (first == uses_.begin() || BlockEnd(*std::prev(first)->block) > at) return {};
   std::unique_ptr<VeskStream> stream = NewStream(stream_->name);
   Prepare(upper, uses_.size());
   std::uint64_t divide = at;
@@ -181,8 +181,6 @@ void Range::HandOver(Range& upper, std::unique_ptr<VeskStream> stream,
   uses_.erase(uses_.begin() + static_cast<std::ptrdiff_t>(index), uses_.end());
   upper.sums_ = upper.SumUp();
   sums_ = SumUp();
-  upper.Recover();
-  Recover();
 }
 
 Range::Divided Range::Summary(const Range& upper, std::uint64_t at,
@@ -220,14 +218,13 @@ void Range::Break() {
   stream_->Dump();
 }
 
-// The stream takes its range from its blocks: it is right for whatever was taken out or put in.
+// Before a call of the stream that looks at its range. That begins with the file, so whatever was
+// taken out or put in, or is cut, lies within.
 void Range::Recover() {
   stream_->last_buffer = nullptr;
   stream_->curr_off = 0;
-  stream_->curr_len = 0;
   if (stream_->buffers.empty()) return;
-  stream_->curr_off = stream_->buffers.front()->off;
-  stream_->curr_len = static_cast<long>(BlockEnd(*stream_->buffers.back()) - stream_->curr_off);
+  stream_->curr_len = static_cast<long>(BlockEnd(*stream_->buffers.back()));
   stream_->buffers.front()->skip = 0;  // else the stream drops it after it was passed four times
 }
 
@@ -246,7 +243,6 @@ void Range::EraseIf(const Predicate& predicate) {
       ++i;
     }
   }
-  Recover();
   Account();
 }
 
@@ -272,7 +268,7 @@ Range::Sums Range::SumUp() const {
   for (const Use& use : uses_) {
     const VeskBuffer& block = *use.block;
     sums.cached += block.size;
-    if (Is(block, VeskBuffer::DIRTY | VeskBuffer::IOW)) sums.dirty += block.dirty_length;
+    sums.dirty += block.dirty_length;
     if (Is(block, VeskBuffer::IOW)) sums.written += block.dirty_length;
     if (block.job != nullptr) sums.in_flight += block.size;
   }
@@ -295,7 +291,7 @@ void Range::LeaveAccounts() {
   core_.in_flight -= old.in_flight;
   core_.written -= old.written;
   core_.dirty_limit.Sub(old.dirty);
-  if (old.cached > 0) core_.memory.Release(old.cached);
+  core_.memory.Release(old.cached);
   if (old.IsActive()) owner_.SetActive(*this, false);
 }
 
@@ -359,37 +355,23 @@ std::uint64_t Range::DirtyEnd() const {
 // ---- finished jobs ----
 
 void Range::Collect() {
-  if (sums_.in_flight == 0) return;
-  bool changed = false;
-  for (std::size_t i = 0; i < uses_.size() && !core_.broken;) {
-    Use& use = uses_[i];
-    VeskJob* const job = use.block->job;
-    if (job == nullptr || job->GetJobState() != JOB_STATE_DONE) {
-      ++i;
-      continue;
-    }
-    changed = true;
+  if (core_.broken || sums_.in_flight == 0) return;
+  EraseIf([&](Use& use) VESK_REQUIRES(lock) {
+    const VeskJob* const job = use.block->job;
+    if (job == nullptr || job->GetJobState() != JOB_STATE_DONE) return false;
     const bool was_read = Is(*use.block, VeskBuffer::IOR);
     const int error = Reap(*use.block);
-    if (core_.broken) return;
-    if (was_read ? TakeFetched(use, error) : TakeWritten(use, error)) {
-      ++i;
-    } else {
-      Erase(i);
-    }
-  }
-  if (!changed) return;
-  Recover();
-  Account();
+    return !(was_read ? TakeFetched(use, error) : TakeWritten(use, error));
+  });
 }
 
-// Takes the end of the block's job into the block; its error.
+// Takes the end of the block's job into the block; its error. There is a job and it has ended, so
+// no check fails here.
 int Range::Reap(VeskBuffer& block) {
   try {
     block.WaitForBuffer(&lock, stream_->bundler, stream_->name, false, "Reap");
   } catch (const VeskException& failure) {
-    if (failure.code != ERR_ASSERT) return failure.code;
-    Break();
+    return failure.code;
   }
   return 0;
 }
@@ -425,11 +407,7 @@ bool Range::TakeWritten(Use& use, int error) {
   VeskBuffer& block = *use.block;
   if (error == 0) {
     ++core_.own_writes;
-    std::uint64_t stored = core_.stored_size;
-    const std::uint64_t end = DataEnd(block);
-    while (stored < end && !core_.stored_size.compare_exchange_weak(stored, end)) {
-    }
-    block.RemoveEOF(stream_->name);
+    Raise(&core_.stored_size, DataEnd(block));
     if (core_.failures.count() > 0) core_.failures.Succeeded(block.off);
     use.dropped = false;
     return true;
@@ -441,7 +419,6 @@ bool Range::TakeWritten(Use& use, int error) {
   core_.failures.Ended(block.off, error);
   block.state = VeskBuffer::DIRTY;
   block.dlen = block.dirty_length = block.blen;
-  block.rc = 0;
   use.rests_until = core_.services.clock.Now() + kRest;
   return true;
 }
@@ -508,17 +485,16 @@ unsigned int Range::Read(unsigned char* destination, std::uint64_t offset, unsig
   uses_[index].stamp = NextStamp();
   // The stream's own shortcut, led to the right block: it copies at once instead of walking over
   // those before. Not where the walk has to drop the block for its age.
+  Recover();
   stream_->last_buffer = IsAged(offset) ? nullptr : &block;
-  stream_->buffers.front()->skip = 0;
   unsigned int count = 0;
   Guarded([&]() VESK_REQUIRES(lock) {
     bool eof = false;  // afresh for each request: a true flag would make the stream invent zeros
     count = stream_->Read(&lock, destination, offset, length, &eof, end(), 0, core_.block_size,
                           kAnyNumber, 0, nullptr);
   });
-  if (!core_.broken && stream_->buffers.size() != uses_.size()) {  // one was dropped for its age
+  if (stream_->buffers.size() != uses_.size()) {  // one was dropped for its age
     SyncUses();
-    Recover();
     Account();
   }
   return count;
@@ -559,7 +535,7 @@ std::uint64_t Range::Fetch(std::uint64_t from, std::uint64_t to,
   std::uint64_t left = memory.bytes();
   uses_.reserve(uses_.size() + kMaxBlocks);
   Recover();
-  while (from < to && !core_.broken) {
+  while (from < to) {
     std::size_t index = IndexAt(from);
     if (index < uses_.size() && uses_[index].block->off <= from) {
       VeskBuffer& block = *uses_[index].block;
@@ -579,9 +555,7 @@ std::uint64_t Range::Fetch(std::uint64_t from, std::uint64_t to,
     VeskBuffer* block = nullptr;
     Guarded([&]() VESK_REQUIRES(lock) {
       const auto where = std::next(stream_->buffers.begin(), static_cast<std::ptrdiff_t>(index));
-      const std::uint64_t next = index < uses_.size() ? uses_[index].block->off : 0;
-      if (uses_.empty()) stream_->curr_off = from;
-      block = stream_->AllocateBuffer(where, next, from, from + piece,
+      block = stream_->AllocateBuffer(where, from + piece, from, from + piece,
                                       static_cast<unsigned int>(piece));
       block->DoReadIO(&lock, stream_->bundler, stream_->name, false, nullptr, stream_.get());
     });
@@ -630,35 +604,29 @@ unsigned int Range::Write(const unsigned char* source, std::uint64_t offset, uns
   const bool into_block = index < uses_.size() && CanWriteInto(*uses_[index].block, offset);
   const bool was_clean = into_block && Is(*uses_[index].block, VeskBuffer::VALID);
   const WriteNeed need = NeedForWrite(offset, length);
-  const auto taken = static_cast<unsigned int>(std::min<std::uint64_t>(length, 1u << 30));
   uses_.reserve(uses_.size() + 1);
   Guarded([&]() VESK_REQUIRES(lock) {
     if (into_block) {
-      count = uses_[index].block->Write(source, offset, taken);
+      count = uses_[index].block->Write(source, offset, length);
       return;
     }
     Recover();
-    if (uses_.empty()) stream_->curr_off = offset;
     // The stream takes one kind of pointer for both directions; a write only reads from it.
-    count =
-        stream_->Write(&lock, const_cast<unsigned char*>(source), offset,
-                       static_cast<unsigned int>(std::min<std::uint64_t>(taken, need.dirty)), end(),
-                       0, static_cast<unsigned int>(need.memory), kAnyNumber, false, nullptr);
+    count = stream_->Write(&lock, const_cast<unsigned char*>(source), offset,
+                           static_cast<unsigned int>(need.dirty), end(), 0,
+                           static_cast<unsigned int>(need.memory), kAnyNumber, false, nullptr);
   });
-  if (core_.broken) return 0;
   if (into_block) {
     uses_[index].stamp = NextStamp();
     if (was_clean) uses_[index].since = core_.services.clock.Now();
   } else {
     SyncUses();
   }
-  Recover();
   Account(memory, room);
   return count;
 }
 
 void Range::StartWrites(Clock::Time before, bool asked_for) {
-  bool started = false;
   const Clock::Time now = core_.services.clock.Now();
   for (const Use& use : uses_) {
     if (!Is(*use.block, VeskBuffer::DIRTY) || use.since > before) continue;
@@ -667,11 +635,8 @@ void Range::StartWrites(Clock::Time before, bool asked_for) {
       use.block->DoWriteIO(&lock, stream_->bundler, stream_->name, false, false, true, "Flush",
                            false);
     });
-    if (core_.broken) return;
-    started = true;
+    if (core_.broken) break;
   }
-  if (!started) return;
-  Recover();
   Account();
 }
 
@@ -708,16 +673,10 @@ void Range::Discard() {
 }
 
 void Range::Truncate(std::uint64_t size) {
-  Recover();
   if (uses_.empty() || size >= BlockEnd(*uses_.back().block)) return;
-  if (size < stream_->curr_off) {  // the stream would fail a check: it covers nothing any more
-    Forget();
-    return;
-  }
-  Guarded([&]() VESK_REQUIRES(lock) { stream_->Truncate(size); });
-  if (core_.broken) return;
-  SyncUses();
   Recover();
+  Guarded([&]() VESK_REQUIRES(lock) { stream_->Truncate(size); });
+  SyncUses();
   Account();
 }
 
@@ -742,12 +701,10 @@ std::size_t Range::OldestIdle() const {
 
 Range::Left Range::Evict(std::uint64_t bytes, std::uint64_t newest) {
   Left left;
-  bool empty = false;
   {
     const RangeLock guard(lock);
     if (end() == 0 || core_.broken) return left;
     Collect();
-    if (core_.broken) return left;
     std::size_t oldest = OldestIdle();
     while (left.freed < bytes && oldest < uses_.size() && uses_[oldest].stamp <= newest) {
       left.freed += uses_[oldest].block->size;
@@ -755,11 +712,10 @@ Range::Left Range::Evict(std::uint64_t bytes, std::uint64_t newest) {
       oldest = OldestIdle();
     }
     if (oldest < uses_.size()) left.oldest = uses_[oldest].stamp;
-    Recover();
     Account();
-    empty = uses_.empty();
+    if (!uses_.empty()) return left;
   }
-  if (empty) owner_.Retire(*this);
+  owner_.Retire(*this);
   return left;
 }
 

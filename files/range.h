@@ -62,6 +62,13 @@ inline unsigned int Log2(std::uint64_t value) {
   return bits;
 }
 
+// At least `least` from now on.
+inline void Raise(std::atomic<std::uint64_t>* value, std::uint64_t least) {
+  std::uint64_t old = value->load();
+  while (old < least && !value->compare_exchange_weak(old, least)) {
+  }
+}
+
 // What the ranges of a file have in common.
 //   Units    bytes
 struct FileCore {
@@ -172,7 +179,7 @@ class Range final : public MemoryBudget::Source {
 
   // Hands the blocks from `at` on to `upper`, which is not in use.
   struct Divided {
-    std::uint64_t at = 0;       // or above; 0: the stream refused, or `at` was within a block
+    std::uint64_t at = 0;       // or above; 0: refused, as within a block, or nothing would be left
     bool upper_active = false;  // SetActive is not called for either
     bool ceased = false;        // the lower one was active and is no more
     std::uint64_t oldest = 0;   // stamp of the oldest block that has moved
