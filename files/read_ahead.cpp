@@ -49,9 +49,7 @@ FetchWindow ReadAhead::OnRead(std::uint64_t offset, std::uint64_t length, bool m
 
 void ReadAhead::Shrink() {
   const MutexLock hold(mutex_);
-  for (Run& run : runs_) {
-    if (run.state == State::kConfirmed) run.window = Halved(run.window);
-  }
+  for (Run& run : runs_) run.window = Halved(run.window);
   Publish();
 }
 
@@ -60,11 +58,8 @@ void ReadAhead::Advise(Advice advice) {
   const MutexLock hold(mutex_);
   advice_ = advice;
   for (Run& run : runs_) {
-    if (Limit() == 0) {
-      run = Run();
-    } else if (run.state == State::kConfirmed) {
-      run.window = Clamp(run.window);
-    }
+    if (Limit() == 0) run = Run();
+    run.window = Clamp(run.window);
   }
   Publish();
 }
@@ -123,9 +118,9 @@ std::uint64_t ReadAhead::ReachOf(const Run& run, std::uint64_t length) const {
   return Add(window_end, std::max(run.window, NearConfirmed(length)));
 }
 
-// A late read of a confirmed run, of bytes before the block being read.
+// A late read of a confirmed run, of bytes before the block being read. Others have none.
 bool ReadAhead::IsBehind(const Run& run, const Read& read) const {
-  return run.state == State::kConfirmed && read.last() < run.block &&
+  return read.last() < run.block &&
          read.offset >= Sub(run.block, std::max(run.window, NearConfirmed(read.length)));
 }
 
@@ -226,7 +221,7 @@ FetchWindow ReadAhead::Follow(Run& run, const Read& read) {
   }
   if (orderly) Adapt(run, read);
   const bool lacks_step = Add(BlockEnd(run), run.window) >= Add(run.ahead_end, Step(run.window));
-  return read.missed || lacks_step ? Refill(run, read.size) : FetchWindow();
+  return lacks_step ? Refill(run, read.size) : FetchWindow();  // after a miss it does
 }
 
 // A second gap before the reader went on after the first: it looks like random reads that happen to
@@ -253,7 +248,6 @@ void ReadAhead::Adapt(Run& run, const Read& read) {
   } else if (read.latency > Clock::Duration::zero() && read.now - run.since >= read.latency &&
              run.block > run.since_block) {
     Measure(run, read);
-    return;
   }
   if (run.speed <= 0) run.window = Clamp(2 * run.window);
 }
@@ -297,7 +291,7 @@ void ReadAhead::Publish() {
       from = Expected(run);
       to = Add(ReachOf(run, run.length), 1);
       largest = std::max(largest, run.window);
-    } else if (i == 0 && first_ && Limit() > 0) {  // the first read is heard of, wherever it is
+    } else if (first_ && Limit() > 0) {  // the first read is heard of, wherever it is
       from = 0;
       to = kFar;
     }
