@@ -146,6 +146,8 @@ TEST(ReadAheadTest, FirstWindowIsAtLeast256KiBRoundedUpToBlocks) {
   EXPECT_EQ(small.Miss(0), (FetchWindow{0, 4 * kKiB + 256 * kKiB}));
   Reader odd(100 * kKiB, 16);
   EXPECT_EQ(odd.Miss(0), (FetchWindow{0, 500 * kKiB}));
+  Reader tiny(kKiB, 300);
+  EXPECT_EQ(tiny.Miss(0, kKiB), (FetchWindow{0, kKiB + 256 * kKiB}));
   Reader uneven(48 * kKiB, 16);
   EXPECT_EQ(uneven.Miss(0), (FetchWindow{0, 48 * kKiB + 288 * kKiB}));
 }
@@ -159,6 +161,18 @@ TEST(ReadAheadTest, FirstReadAtOffsetZeroThatHitsIsHeardOfAndFetchesOnlyWhatFoll
   Reader reader(kBlock, 16);
   ASSERT_TRUE(reader.ahead.Due(0, kPage));
   EXPECT_EQ(reader.Hit(0), (FetchWindow{kPage, 5 * kBlock}));
+  const Reader least(1, 1);
+  EXPECT_TRUE(least.ahead.Due(0, 1));
+}
+
+TEST(ReadAheadTest, FirstReadThatHitsElsewhereBeginsNothing) {
+  for (const Advice advice : {Advice::kNormal, Advice::kSequential}) {
+    Reader reader(kBlock, 16);
+    reader.ahead.Advise(advice);
+    EXPECT_EQ(reader.Hit(10 * kMiB), kNothing);
+    EXPECT_EQ(reader.heard, 1u);
+    EXPECT_FALSE(reader.ahead.Due(10 * kMiB + kPage, kPage));
+  }
 }
 
 TEST(ReadAheadTest, OffsetZeroIsNothingSpecialOnceSomethingElseWasRead) {
@@ -187,6 +201,30 @@ TEST(ReadAheadTest, TwoFurtherReadsConfirmARunWithTwiceItsLengthInWholeBlocks) {
   Reader larger(kBlock, 16);  // 3 reads of 64 KiB
   EXPECT_EQ(larger.ConfirmAt(kMiB, kBlock),
             (FetchWindow{kMiB + 2 * kBlock, kMiB + 3 * kBlock + 6 * kBlock}));
+}
+
+TEST(ReadAheadTest, AWindowThatIsNoNumberOfBlocksIsRoundedUp) {
+  Reader reader(5, 16);
+  reader.ConfirmAt(1000, 1);
+  EXPECT_EQ(reader.ahead.window(), 10u);
+}
+
+TEST(ReadAheadTest, ARunHasTheLengthOfAllThatWasReadOfIt) {
+  Reader reader(kBlock, 16);
+  const std::uint64_t at = 100 * kMiB;
+  reader.Miss(at, kBlock);
+  reader.Miss(at - kBlock, kBlock);
+  EXPECT_EQ(reader.Miss(at + kBlock, kBlock), (FetchWindow{at + kBlock, at + 8 * kBlock}));
+}
+
+TEST(ReadAheadTest, HitsUpToTwoLengthsBehindAnUnconfirmedRunAreHeardOf) {
+  Reader reader(kBlock, 16);
+  reader.Miss(kMiB);
+  EXPECT_TRUE(reader.ahead.Due(kMiB + 3 * kPage, kPage));
+  EXPECT_FALSE(reader.ahead.Due(kMiB + 3 * kPage + 1, kPage));
+  reader.Miss(kMiB + kPage, 4 * kPage);  // the latest length counts
+  EXPECT_TRUE(reader.ahead.Due(kMiB + 13 * kPage, kPage));
+  EXPECT_FALSE(reader.ahead.Due(kMiB + 13 * kPage + 1, kPage));
 }
 
 TEST(ReadAheadTest, HitsThatContinueAnUnconfirmedRunAreHeardOfAndConfirmIt) {
@@ -304,6 +342,30 @@ TEST(ReadAheadTest, SmallBlocksAreRefilledInBatches) {
   }
 }
 
+TEST(ReadAheadTest, BlocksOfAKiBAreRefilledInBatchesOf32KiBOrAQuarterOfTheWindow) {
+  struct Row {
+    unsigned max;
+    std::uint64_t step;
+  };
+  for (const Row& row : {Row{300, 32 * kKiB}, Row{64, 16 * kKiB}}) {
+    Reader reader(kKiB, row.max);
+    reader.Miss(0, kKiB);
+    for (std::uint64_t offset = kKiB; offset < kMiB; offset += kKiB) {
+      const FetchWindow window = reader.Hit(offset, kKiB);
+      if (offset < 512 * kKiB || window.Empty()) continue;
+      EXPECT_EQ(window.to - window.from, row.step) << row.max;
+    }
+  }
+}
+
+TEST(ReadAheadTest, WhatIsHeardOfAfterASkipIsFetchedInBatchesToo) {
+  Reader reader(4 * kKiB, 64);
+  ASSERT_EQ(reader.Miss(0).to, 260 * kKiB);
+  EXPECT_EQ(reader.Hit(100 * kKiB), (FetchWindow{260 * kKiB, 360 * kKiB}));
+  EXPECT_EQ(reader.Hit(104 * kKiB), kNothing);
+  EXPECT_EQ(reader.heard, 2u);
+}
+
 TEST(ReadAheadTest, WindowIsNeverMoreThanTheLargestNumberOfBlocksAheadOfTheReadersBlock) {
   for (const unsigned max : {1u, 3u, 4u, 16u, 99u}) {
     for (const std::uint64_t block : {std::uint64_t{1}, 4 * kKiB, kBlock, kBlock + 123}) {
@@ -348,6 +410,22 @@ TEST(ReadAheadTest, NoByteIsReturnedTwiceUnlessTheRunMissesThereAgain) {
   EXPECT_EQ(reader.Hit(lost + kPage), kNothing);
 }
 
+TEST(ReadAheadTest, NoByteIsReturnedTwiceWhenAFileIsCutAndGrowsAgain) {
+  Reader reader(kBlock, 4);
+  ASSERT_EQ(reader.Miss(0).to, 5 * kBlock);
+  reader.size = 3 * kBlock;
+  EXPECT_EQ(reader.Hit(kBlock), kNothing);
+  reader.size = kGiB;
+  EXPECT_EQ(reader.Hit(2 * kBlock), (FetchWindow{5 * kBlock, 7 * kBlock}));
+}
+
+TEST(ReadAheadTest, ReadWhoseLastByteIsInTheBlockBeingReadBelongsToTheRun) {
+  Reader reader(kBlock, 4);
+  reader.Miss(0);
+  for (std::uint64_t block = 1; block <= 8; ++block) reader.Hit(block * kBlock);
+  EXPECT_EQ(reader.Miss(8 * kBlock - 10, 11), (FetchWindow{7 * kBlock, 13 * kBlock}));
+}
+
 TEST(ReadAheadTest, MissInTheBlockBeingReadFetchesItAndTheWindowAgain) {
   Reader reader(kBlock, 4);
   reader.Miss(0);
@@ -366,6 +444,17 @@ TEST(ReadAheadTest, NothingAtOrBeyondTheSizeIsFetched) {
   Reader empty(kBlock, 16);
   empty.size = 0;
   EXPECT_EQ(empty.Miss(0), kNothing);
+  empty.size = kGiB;
+  EXPECT_EQ(empty.Miss(0), (FetchWindow{0, 5 * kBlock})) << "nothing was read before";
+}
+
+TEST(ReadAheadTest, ReadThatTheEndHasCutGoesOnFromThere) {
+  Reader reader(kBlock, 16);
+  reader.size = kMiB + 100;
+  reader.Miss(kMiB);
+  reader.size = kGiB;
+  reader.Miss(kMiB + 100, 100);
+  EXPECT_FALSE(reader.Miss(kMiB + 200, 100).Empty());
 }
 
 TEST(ReadAheadTest, FileThatGrowsIsFetchedOnFromWhereItEnded) {
@@ -374,6 +463,12 @@ TEST(ReadAheadTest, FileThatGrowsIsFetchedOnFromWhereItEnded) {
   EXPECT_EQ(reader.Miss(0), (FetchWindow{0, 2 * kBlock + 10}));
   reader.size = kGiB;
   EXPECT_EQ(reader.Hit(kBlock), (FetchWindow{2 * kBlock + 10, 6 * kBlock}));
+
+  Reader waiting(kBlock, 4);
+  waiting.size = 2 * kBlock + 10;
+  waiting.Miss(0);
+  waiting.size = kGiB;
+  EXPECT_EQ(waiting.Miss(2 * kBlock + 10), (FetchWindow{2 * kBlock + 10, 7 * kBlock}));
 }
 
 TEST(ReadAheadTest, EndsOfTheNumberLineDoNotOverflow) {
@@ -402,6 +497,15 @@ TEST(ReadAheadTest, EndsOfTheNumberLineDoNotOverflow) {
   EXPECT_EQ(last.Hit(kEnd - kPage), kNothing);
 }
 
+TEST(ReadAheadTest, ReadsOfHalfTheNumberLineAreNearEverything) {
+  constexpr std::uint64_t kHalf = kEnd / 2;
+  Reader reader(kBlock, 16);
+  reader.size = kEnd;
+  EXPECT_EQ(reader.Miss(kHalf + 100, 10), kNothing);
+  EXPECT_EQ(reader.Miss(0, kHalf + 50), kNothing);
+  EXPECT_FALSE(reader.Miss(kHalf + 110, 10).Empty()) << "the third read of a run";
+}
+
 TEST(ReadAheadTest, LengthZeroIsNoRead) {
   Reader reader(kBlock, 16);
   EXPECT_FALSE(reader.ahead.Due(0, 0));
@@ -418,6 +522,65 @@ TEST(ReadAheadTest, LateReadsBehindTheReaderLeaveTheRunAsItIs) {
   EXPECT_EQ(reader.Miss(38 * kBlock), kNothing);
   EXPECT_EQ(reader.ahead.window(), 4 * kBlock);
   EXPECT_EQ(reader.Hit(41 * kBlock), (FetchWindow{45 * kBlock, 46 * kBlock}));
+}
+
+TEST(ReadAheadTest, ReadUpToFourLengthsBeyondWhereItWasExpectedIsNoSkip) {
+  for (const std::uint64_t beyond : {0u, 1u}) {
+    Reader reader(kBlock, 4);
+    reader.Miss(0);
+    const std::uint64_t offset = kBlock + 4 * kPage + beyond;
+    reader.Hit(offset);
+    EXPECT_EQ(reader.ahead.Due(offset + kPage, kPage), beyond == 1)
+        << "after a skip any read is heard of";
+  }
+}
+
+TEST(ReadAheadTest, HitsAreHeardOfUpToAWindowOrFourReadsBeyondTheWindow) {
+  Reader reader(kBlock, 1);
+  reader.Miss(0);
+  reader.Hit(kBlock, kBlock + 1);  // into the next block: four blocks are fetched
+  EXPECT_EQ(reader.ahead.window(), kBlock);
+  const std::uint64_t reach = 4 * kBlock + 4 * (kBlock + 1);
+  EXPECT_TRUE(reader.ahead.Due(reach, kPage));
+  EXPECT_FALSE(reader.ahead.Due(reach + 1, kPage));
+}
+
+TEST(ReadAheadTest, WhatWasFetchedAheadBelongsToTheReaderWhenItsWindowHasShrunk) {
+  Reader reader(kBlock, 16);
+  reader.Miss(0);
+  std::uint64_t block = 1;
+  for (; reader.ahead.window() < 16 * kBlock; ++block) reader.Hit(block * kBlock);
+  for (int i = 0; i < 4; ++i) reader.ahead.Shrink();
+  ASSERT_EQ(reader.ahead.window(), kBlock);
+  EXPECT_TRUE(reader.ahead.Due((block + 15) * kBlock, kPage));
+}
+
+TEST(ReadAheadTest, HitBeyondTheWindowFetchesOnlyWhatFollows) {
+  Reader reader(kBlock, 4);
+  reader.Miss(0);
+  EXPECT_EQ(reader.Hit(6 * kBlock), (FetchWindow{6 * kBlock + kPage, 11 * kBlock}));
+  Reader missing(kBlock, 4);
+  missing.Miss(0);
+  EXPECT_EQ(missing.Miss(6 * kBlock + kPage), (FetchWindow{6 * kBlock + kPage, 11 * kBlock}));
+}
+
+TEST(ReadAheadTest, ReaderThatSkipsAgainWithAWindowOfOneBlockIsNoLongerConfirmed) {
+  Reader reader(kBlock, 16);
+  reader.ConfirmAt(300 * kMiB);
+  reader.ConfirmAt(400 * kMiB);
+  reader.ConfirmAt(500 * kMiB);
+  reader.ConfirmAt(100 * kMiB);
+  for (int i = 0; i < 4; ++i) reader.ahead.Shrink();
+  const std::uint64_t at = 100 * kMiB + 4 * kBlock;
+  reader.Hit(100 * kMiB + 2 * kBlock);
+  EXPECT_EQ(reader.Hit(at), kNothing);
+  EXPECT_TRUE(reader.ahead.Due(at + 3 * kPage, kPage));
+  EXPECT_FALSE(reader.ahead.Due(at + 3 * kPage + 1, kPage));
+
+  reader.Miss(900 * kMiB);  // takes the place of the one that was silent longest, not its
+  EXPECT_EQ(reader.Hit(at + kPage), kNothing);
+  EXPECT_EQ(reader.Hit(at + 2 * kPage), (FetchWindow{at + 3 * kPage, at + 2 * kBlock}));
+  EXPECT_FALSE(reader.ahead.Due(at + 3 * kPage, kPage)) << "the skips are forgotten";
 }
 
 TEST(ReadAheadTest, ForwardSkipMovesTheWindowOnAndFetchesNothingBehind) {
@@ -561,6 +724,15 @@ TEST(ReadAheadTest, ReadersWithinEachOthersReachEachGetTheirOwnRun) {
   }
 }
 
+TEST(ReadAheadTest, ReadBelongsToTheNearestOfTheReadersWithinWhoseReachItLies) {
+  Reader reader(kBlock, 4);
+  reader.Miss(0);
+  reader.ConfirmAt(20 * kBlock, kBlock);
+  for (std::uint64_t block = 1; block <= 14; ++block) reader.Hit(block * kBlock);
+  reader.Hit(23 * kBlock);
+  EXPECT_EQ(reader.Hit(15 * kBlock), (FetchWindow{19 * kBlock, 20 * kBlock}));
+}
+
 TEST(ReadAheadTest, FifthReaderTakesThePlaceOfTheOneThatWasSilentLongest) {
   Reader reader(kBlock, 4);
   for (std::uint64_t i = 0; i < 4; ++i) reader.ConfirmAt((i + 1) * 100 * kMiB);
@@ -683,6 +855,38 @@ TEST(ReadAheadTest, AReaderThatSlowsDownLosesAQuarterOfItsWindowAtATime) {
   ASSERT_EQ(reader.ahead.window(), 20 * kBlock);
   reader.ReadInALatency(1);
   EXPECT_EQ(reader.ahead.window(), 15 * kBlock) << "though eleven would do";
+}
+
+TEST(ReadAheadTest, FirstMeasurementCountsAlone) {
+  Reader reader(kBlock, 8);
+  reader.latency = kLatency;
+  reader.Miss(0);
+  for (std::uint64_t block = 1; block <= 6; ++block) reader.Hit(block * kBlock);
+  ASSERT_EQ(reader.ahead.window(), 8 * kBlock);
+  reader.now += kLatency;
+  reader.Hit(7 * kBlock);
+  EXPECT_EQ(reader.ahead.window(), 8 * kBlock) << "twice the six blocks";
+}
+
+TEST(ReadAheadTest, AReaderThatSpeedsUpDoublesItsWindowAtATime) {
+  PacedReader reader;
+  for (int i = 0; i < 40; ++i) reader.ReadInALatency(1);
+  ASSERT_EQ(reader.ahead.window(), 2 * kBlock);
+  reader.ReadInALatency(60);
+  reader.ReadInALatency(1);
+  EXPECT_EQ(reader.ahead.window(), 4 * kBlock) << "though sixty would do";
+}
+
+TEST(ReadAheadTest, NothingIsMeasuredWithinABlock) {
+  PacedReader reader;
+  for (int i = 0; i < 20; ++i) reader.ReadInALatency(10);
+  reader.ReadInALatency(1);
+  ASSERT_EQ(reader.ahead.window(), 20 * kBlock);
+  for (int i = 1; i < 5; ++i) {
+    reader.Miss(reader.block * kBlock + static_cast<unsigned>(i) * kPage);
+    reader.now += kLatency;
+  }
+  EXPECT_EQ(reader.ahead.window(), 20 * kBlock);
 }
 
 TEST(ReadAheadTest, TheSpeedOfAReaderInTheMiddleIsThatSinceItWasSeen) {
@@ -824,6 +1028,28 @@ TEST(ReadAheadTest, SequentialAdviceFetchesNothingAheadOfALateRead) {
   reader.Miss(kMiB);
   for (std::uint64_t block = 1; block <= 40; ++block) reader.Hit(kMiB + block * kBlock);
   EXPECT_EQ(reader.Miss(kMiB + 38 * kBlock), kNothing);
+}
+
+TEST(ReadAheadTest, SequentialAdviceKnowsALateReadByItsDistance) {
+  struct Row {
+    std::uint64_t behind;
+    bool late;
+  };
+  for (const Row& row : {Row{2 * kBlock, true}, Row{4 * kBlock, true}, Row{4 * kBlock + 1, false},
+                         Row{10 * kBlock, false}}) {
+    Reader reader(kBlock, 2);
+    reader.ahead.Advise(Advice::kSequential);  // four blocks
+    reader.Miss(kMiB);
+    for (std::uint64_t block = 1; block <= 40; ++block) reader.Hit(kMiB + block * kBlock);
+    ASSERT_EQ(reader.ahead.window(), 4 * kBlock);
+    EXPECT_EQ(reader.Miss(kMiB + 40 * kBlock - row.behind, 1).Empty(), row.late) << row.behind;
+  }
+  Reader first(kBlock, 2);
+  first.ahead.Advise(Advice::kSequential);
+  first.Miss(0);
+  first.Hit(kBlock);
+  first.Hit(2 * kBlock);
+  EXPECT_EQ(first.Miss(0), kNothing) << "no reader is further behind than the file's beginning";
 }
 
 TEST(ReadAheadTest, SequentialAdviceConfirmsWhatHasBegunAtItsNextRead) {
