@@ -239,6 +239,16 @@ std::vector<Range*> Node::RangesFrom(std::uint64_t offset) const {
   return ranges;
 }
 
+// Calls `work` for each of these that is still in use, with its lock held; for none of a file that
+// is out of service.
+template <typename Work>
+void Node::ForEach(const std::vector<Range*>& ranges, const Work& work) const {
+  for (Range* const range : ranges) {
+    const RangeLock guard(range->lock);
+    if (range->end() != 0 && !core_.broken) work(*range);
+  }
+}
+
 // Whoever was inside a range at or after `from` when the turn was taken has left it now, and what
 // they did is to be seen.
 void Node::Barrier(std::uint64_t from) {
@@ -568,12 +578,10 @@ void Node::FetchAhead(std::uint64_t from, std::uint64_t to, ReadAhead* ahead) {
 }
 
 void Node::DropClean(std::uint64_t from, std::uint64_t to) {
-  for (Range* const range : RangesFrom(from)) {
-    const RangeLock guard(range->lock);
-    if (range->end() == 0 || core_.broken) continue;
-    range->Collect();
-    if (!core_.broken) range->Drop(from, to);
-  }
+  ForEach(RangesFrom(from), [&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
+    range.Collect();
+    if (!core_.broken) range.Drop(from, to);
+  });
 }
 
 // ---- writing ----
@@ -674,12 +682,12 @@ void Node::StartWrites(Clock::Time before, bool asked_for) {
   if (core_.broken) return LeaveAccounts();
   ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
     range.Collect();
-    if (!core_.broken && !stopped_ && !removed_) range.StartWrites(before, asked_for);
+    if (!core_.broken && !stopped_) range.StartWrites(before, asked_for);
   });
 }
 
 void Node::LeaveAccounts() {
-  for (Range* const range : RangesFrom(0)) {
+  for (Range* const range : Ranges()) {
     const RangeLock guard(range->lock);
     range->LeaveAccounts();
   }
@@ -689,47 +697,39 @@ void Node::ListJobs(bool reads, JobList* jobs) const {
   ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS { range.ListJobs(reads, jobs); });
 }
 
-// Waits for each job, within the limits, but for no longer than until a write-back fails: a parked
-// one does not end. A success means that all have ended well.
-// `before` is the count of failures when the writes were started: one that came since may have been
-// a job's that is not in the list any more, and told to another thread that uses the same handle.
-Outcome Node::AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen, std::uint64_t before) {
-  WriteFailures& failures = core_.failures;
-  const auto is_news = [&] {
-    return failures.count() != before || (seen != nullptr && failures.HasNews(*seen));
-  };
+// Waits for each job, within the limits, but for no longer than until the count of failures is
+// another one than `before`: a parked write does not end. Collects what has ended.
+void Node::AwaitJobs(const JobList& jobs, std::uint64_t before) {
   {
-    const WriteFailures::Watch watch(failures);
+    const WriteFailures::Watch watch(core_.failures);
     for (VeskJob* const job : jobs.jobs()) {
-      if (is_news()) break;
-      services_.bundler.WaitForJob(job, nullptr, "Flush");
-      if (job->GetJobState() != JOB_STATE_DONE) break;
+      if (core_.failures.count() == before) {
+        services_.bundler.WaitForJob(job, nullptr, "Flush");
+      }
     }
   }
-  const int limit = RequestScope::Exceeded(services_.clock);
   Reap();
-  const int news = seen != nullptr ? failures.TakeNews(seen) : 0;
-  if (core_.broken) return {EIO, false};
-  if (news != 0) return {news, true};
-  if (failures.count() != before) return {failures.last_error(), true};
-  for (VeskJob* const job : jobs.jobs()) {
-    const bool ended = job->GetJobState() == JOB_STATE_DONE;
-    const bool write = job->GetOP().GetOpcode() == OPCODE_WRITE;  // a read's error is its reader's
-    if (ended && write && Failed(job->GetReturnValue())) return {job->GetReturnValue(), true};
-    if (!ended && limit != 0) return {limit, false};
-    if (!ended) return {failures.last_error(), true};
-  }
-  return {};
 }
 
+// A failure that came since the beginning may have been a job's that was not in the list any more,
+// and told to another thread that uses the same handle.
 Outcome Node::Drain(WriteFailures::Seen* seen) {
-  if (core_.broken) return {EIO, false};
   if (removed_) return {};
-  const std::uint64_t before = core_.failures.count();
+  const std::uint64_t before = *seen;
   StartWrites();
   JobList jobs;
   ListJobs(false, &jobs);
-  return AwaitJobs(jobs, seen, before);
+  AwaitJobs(jobs, before);
+  const int limit = RequestScope::Exceeded(services_.clock);
+  const int news = core_.failures.TakeNews(seen);
+  if (core_.broken) return {EIO, false};
+  if (news != 0) return {news, true};
+  if (core_.failures.count() != before) return {core_.failures.last_error(), true};
+  for (VeskJob* const job : jobs.jobs()) {
+    if (job->GetJobState() != JOB_STATE_DONE) return {limit, false};
+    if (Failed(job->GetReturnValue())) return {job->GetReturnValue(), true};
+  }
+  return {};
 }
 
 // Under the turn: nothing new comes, so the rounds end.
@@ -744,24 +744,23 @@ Outcome Node::DrainAll() {
     StartWrites();
     JobList jobs;
     ListJobs(true, &jobs);
-    const Outcome outcome = AwaitJobs(jobs, nullptr, before);
-    if (outcome.write_back || core_.broken) return outcome;
+    AwaitJobs(jobs, before);
     if (const int error = RequestScope::Exceeded(services_.clock)) return {error, false};
   }
 }
 
 // Under the turn: what is on its way ends, well or not, and nothing follows.
-Outcome Node::StopAll() {
+int Node::StopAll() {
   stopped_ = true;
-  if (const int error = AwaitResize()) return {error, false};
+  if (const int error = AwaitResize()) return error;
   if (services_.retry != nullptr) Abandon();
   for (;;) {
-    if (core_.broken) return {EIO, false};
-    if (in_flight() == 0) return {};
+    if (core_.broken) return EIO;
+    if (in_flight() == 0) return 0;
     JobList jobs;
     ListJobs(true, &jobs);
-    (void)AwaitJobs(jobs, nullptr, core_.failures.count());
-    if (const int error = RequestScope::Exceeded(services_.clock)) return {error, false};
+    AwaitJobs(jobs, core_.failures.count());
+    if (const int error = RequestScope::Exceeded(services_.clock)) return error;
   }
 }
 
@@ -796,17 +795,15 @@ Outcome Node::Truncate(std::uint64_t size) {
   const Quiet quiet(*this, Quiet::What::kDrained);
   if (quiet.outcome().error != 0) return quiet.outcome();
   if (const int error = Refusal()) return {error, false};
-  const std::vector<Range*> ranges = RangesFrom(0);
+  const std::vector<Range*> ranges = Ranges();
   const int error = Resize(size);  // from here on nothing needs memory
-  for (Range* const range : ranges) {
-    const RangeLock guard(range->lock);
-    if (range->end() == 0 || core_.broken) continue;
+  ForEach(ranges, [&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
     if (error == 0) {
-      range->Truncate(size);
+      range.Truncate(size);
     } else {
-      range->Forget();
+      range.Forget();
     }
-  }
+  });
   if (error != 0) {
     core_.suspicious = true;  // it may have taken place
     return {error, false};
@@ -886,9 +883,9 @@ Node::Quiet::Quiet(Node& node) : node_(node), turn_(node.turn_) {
 // In two steps: without memory in the second one, the destructor lets writes set out again.
 Node::Quiet::Quiet(Node& node, What what) : Quiet(node) {
   if (outcome_.error != 0) return;
-  node.Barrier(0);
+  node.Barrier();
   if (what == What::kDrained) outcome_ = node.DrainAll();
-  if (what == What::kStopped) outcome_ = node.StopAll();
+  if (what == What::kStopped) outcome_.error = node.StopAll();
 }
 
 Node::Quiet::~Quiet() {
@@ -896,10 +893,7 @@ Node::Quiet::~Quiet() {
 }
 
 void Node::SetName(const std::string& name) {
-  for (Range* const range : RangesFrom(0)) {
-    const RangeLock guard(range->lock);
-    if (range->end() != 0 && !core_.broken) range->Rename(name);
-  }
+  ForEach(Ranges(), [&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS { range.Rename(name); });
   if (services_.reaper != nullptr) services_.reaper->Remove(*this);
   {
     const MutexLock guard(mutex_);
@@ -1031,18 +1025,13 @@ bool Node::Forget(Sight* sight) {
   const Quiet quiet(*this, Quiet::What::kAsItIs);
   if (quiet.outcome().error != 0) return false;
   std::uint64_t end = 0;
-  for (Range* const range : RangesFrom(0)) {
-    const RangeLock guard(range->lock);
-    if (range->end() == 0 || core_.broken) continue;
-    range->Collect();
-    end = std::max(end, range->DirtyEnd());
-  }
+  ForEach(Ranges(), [&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
+    range.Collect();
+    end = std::max(end, range.DirtyEnd());
+  });
   const bool holds = sight->quiet && end == 0 && core_.own_writes == sight->writes;
   if (!holds && See(sight, true) != 0) return false;
-  for (Range* const range : RangesFrom(0)) {
-    const RangeLock guard(range->lock);
-    if (range->end() != 0 && !core_.broken) range->Forget();
-  }
+  ForEach(Ranges(), [](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS { range.Forget(); });
   const std::uint64_t size = sight->info.size;
   core_.size = std::max(size, end);
   core_.stored_size = core_.own_writes == sight->writes ? size : core_.size.load();
@@ -1050,10 +1039,7 @@ bool Node::Forget(Sight* sight) {
 }
 
 void Node::RenewAll() {
-  for (Range* const range : RangesFrom(0)) {
-    const RangeLock guard(range->lock);
-    if (range->end() != 0 && !core_.broken) range->Renew();
-  }
+  ForEach(Ranges(), [](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS { range.Renew(); });
 }
 
 // ---- what is known ----
@@ -1072,7 +1058,7 @@ FileStats Node::GetStats() const {
   stats.repeats = repeats_;
   stats.freshness = freshness_;
   Clock::Time oldest = Clock::kNever;
-  for (Range* const range : RangesFrom(0)) {
+  for (Range* const range : Ranges()) {
     const RangeLock guard(range->lock);
     if (range->end() == 0) continue;
     ++stats.streams;

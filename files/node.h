@@ -214,13 +214,16 @@ class Node final : private CachedFile, private RangeOwner {
   bool DividedBefore(Range& range, std::uint64_t offset) VESK_REQUIRES(range.lock);
   Range* NewRange();
   std::vector<Range*> RangesFrom(std::uint64_t offset) const;
-  void Barrier(std::uint64_t from);
+  std::vector<Range*> Ranges() const { return RangesFrom(0); }
+  template <typename Work>
+  void ForEach(const std::vector<Range*>& ranges, const Work& work) const;
+  void Barrier(std::uint64_t from = 0);
   void StartWrites(Clock::Time before, bool asked_for);
   void LeaveAccounts();
   void ListJobs(bool reads, JobList* jobs) const;
-  Outcome AwaitJobs(const JobList& jobs, WriteFailures::Seen* seen, std::uint64_t before);
+  void AwaitJobs(const JobList& jobs, std::uint64_t before);
   Outcome DrainAll();
-  Outcome StopAll();
+  int StopAll();
   template <typename Work>
   int ByName(const Work& work);
   void Abandon();
