@@ -380,7 +380,7 @@ Status FileSystem::Private::SyncAll() {
     WriteFailures::Seen seen(node->failures().count());
     const int failing = node->failures().Any();
     const Outcome outcome = failing != 0 ? Outcome{failing, true} : node->Sync(&seen);
-    if (outcome.error != 0 && first.ok()) {
+    if (outcome.error != 0 && !node->removed() && first.ok()) {  // what is removed is not stored
       first = {outcome.error,
                (outcome.write_back ? "write-back of '" : "sync of '") + node->name() + "'"};
     }

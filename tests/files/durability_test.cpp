@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/files/file_world.h"
+#include "tests/support/manual_clock.h"
 #include "tests/support/task.h"
 
 namespace vesk_test {
@@ -151,6 +152,55 @@ TEST_P(DurabilityTest, SyncAllMakesEveryFileDurable) {
     EXPECT_NE(status.context().find("'b'"), std::string::npos) << status.context();
   }
   EXPECT_TRUE(world_.files().SyncAll().ok());
+}
+
+// Nothing of it is to be stored any more.
+TEST_P(DurabilityTest, SyncAllPassesOverARemovedFileThatSomebodyHasOpen) {
+  FileHandle& removed = world_.Open("a");
+  World::Write(removed, "one", 0);
+  world_.script.Fail({vesk::kFaultWrite, "a"}, EIO, 1);
+  EXPECT_EQ(removed.Sync().error(), EIO);
+  EXPECT_TRUE(world_.files().Remove("a").ok());
+  World::Write(world_.Open("b"), "two", 0);
+  const Status status = world_.files().SyncAll();
+  EXPECT_TRUE(status.ok()) << status.Message();
+  EXPECT_EQ(world_.Stored("b"), "two");
+  EXPECT_EQ(removed.Sync().error(), ESTALE);
+}
+
+// Its failed write is met by whoever looks next.
+TEST(UntendedFileTest, AFlushTellsOfAWriteThatHasFailed) {
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry);
+  vesk::Services services = world.services();
+  services.reaper = nullptr;
+  vesk::FileSystem files(services, world.store(), world.options);
+  std::unique_ptr<FileHandle> file;
+  ASSERT_TRUE(files.Open("a", FileWorld::Writing(), &file).ok());
+  FileWorld::Write(*file, "bytes", 0);
+  world.script.Fail({vesk::kFaultWrite}, EIO, 1);
+  EXPECT_TRUE(file->Flush().ok()) << "nobody knows yet";
+  const Status status = file->Flush();
+  EXPECT_EQ(status.error(), EIO);
+  EXPECT_TRUE(status.write_back());
+  EXPECT_TRUE(file->Flush().ok());
+  EXPECT_EQ(world.Stored("a"), "bytes");
+}
+
+TEST(UntendedFileTest, ADiscardGivesUpWhatHasFailed) {
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry);
+  vesk::Services services = world.services();
+  services.reaper = nullptr;
+  vesk::FileSystem files(services, world.store(), world.options);
+  std::unique_ptr<FileHandle> file;
+  ASSERT_TRUE(files.Open("a", FileWorld::Writing(), &file).ok());
+  FileWorld::Write(*file, "bytes", 0);
+  world.script.Fail({vesk::kFaultWrite}, EIO, 1);
+  EXPECT_TRUE(file->Flush().ok()) << "nobody knows yet";
+  file->Discard();
+  EXPECT_EQ(file->GetStats().dirty, 0u);
+  EXPECT_EQ(files.memory_used(), 0u);
+  EXPECT_TRUE(file->Close().ok());
+  EXPECT_EQ(world.Stored("a"), "");
 }
 
 // ---- a failing write-back ----
@@ -302,6 +352,45 @@ TEST_P(DurabilityTest, AfterADiscardACloseSucceedsAndTheBytesAreGone) {
   EXPECT_EQ(World::Read(again, 0, 300), std::string(200, 'o'));
 }
 
+// The first failure was not told, the second one comes while it waits; all of it was given up.
+TEST(DiscardTest, ACloseIsNotToldOfWhatWasGivenUpThoughItFailsMeanwhile) {
+  ManualClock clock;
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry, clock);
+  FileHandle& file = world.Open("a");
+  FileHandle& other = world.Open("a");
+  FileWorld::Write(file, "given up", 0);
+  world.script.Fail({vesk::kFaultWrite}, EIO, 1);
+  EXPECT_EQ(other.Sync().error(), EIO);
+  world.script.Hold({vesk::kFaultWrite});
+  EXPECT_TRUE(other.Flush().ok());
+  world.script.AwaitHeld(1);
+  file.Discard();
+  Task closing([&] {
+    const Status status = file.Close();
+    EXPECT_TRUE(status.ok()) << status.Message();
+  });
+  clock.AwaitWaiters(1);
+  world.script.EndHeld(EIO);
+  EXPECT_TRUE(closing.Await());
+  world.script.Heal();
+}
+
+TEST_P(DurabilityTest, AfterADiscardACloseStillSaysWhatElseIsNotStored) {
+  FileHandle& file = world_.Open("a");
+  FileHandle& other = world_.Open("a");
+  world_.script.Fail({vesk::kFaultWrite}, EIO);
+  World::Write(file, "given up", 0);
+  (void)file.Flush();
+  file.Discard();
+  EXPECT_TRUE(FileWorld::Await([&] { return file.GetStats().dirty == 0; }));
+  World::Write(other, "kept", 100);
+  Task closing([&] { EXPECT_EQ(file.Close().error(), EIO); });
+  EXPECT_TRUE(closing.Await());
+  world_.script.Heal();
+  EXPECT_TRUE(FileWorld::Await([&] { return other.Close().ok(); }));
+  EXPECT_EQ(world_.Stored("a").substr(100), "kept");
+}
+
 TEST_P(DurabilityTest, AfterADiscardReadersSeeWhatTheStoreHas) {
   world_.Put("a", std::string(200, 'o'));
   FileHandle& file = world_.Open("a");
@@ -331,6 +420,26 @@ TEST_P(DurabilityTest, WhatIsWrittenAfterADiscardIsKeptWhenItsWriteFails) {
   EXPECT_EQ(file.GetStats().dirty, 4u);
   world_.script.Heal();
   ExpectRecovery(file, "kept");
+}
+
+// What it says it has given up is not what was written afterwards.
+TEST_P(DurabilityTest, ACloseTellsOfAFailureOfWhatWasWrittenAfterADiscard) {
+  for (const bool append : {false, true}) {
+    FileHandle& file = world_.Open("a");
+    World::Write(file, "lost", 0);
+    file.Discard();
+    world_.script.Fail({vesk::kFaultWrite}, EIO, 1);
+    if (append) {
+      EXPECT_TRUE(file.Append("kept", 4).ok());
+    } else {
+      World::Write(file, "kept", 0);
+    }
+    const Status status = file.Close();
+    EXPECT_EQ(status.error(), EIO);
+    EXPECT_TRUE(status.write_back());
+    world_.script.Heal();
+    EXPECT_TRUE(FileWorld::Await([&] { return file.Close().ok(); }));
+  }
 }
 
 TEST_P(DurabilityTest, ADiscardOfOneFileLeavesTheOthers) {
@@ -446,6 +555,26 @@ TEST_P(DurabilityTest, ManyThreadsOverAFlakyStoreLoseNothing) {
   ExpectRecovery(file, content);
 }
 
+// Without limits: it waits for no store that takes nothing.
+TEST_P(DurabilityTest, WhatNeedsAFileThatCannotBeStoredSaysSoAtOnce) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Fail({vesk::kFaultWrite}, ENOSPC);
+  World::Write(file, "kept", 0);
+  Task task([&] {
+    for (int i = 0; i < 2; ++i) {  // a failure that comes, and one that is there
+      const Status status = file.Truncate(2);
+      EXPECT_EQ(status.error(), ENOSPC);
+      EXPECT_TRUE(status.write_back());
+      EXPECT_EQ(status.context(), "write-back of 'a'");
+    }
+    EXPECT_EQ(world_.files().Rename("a", "b").error(), ENOSPC);
+  });
+  EXPECT_TRUE(task.Await());
+  EXPECT_EQ(World::Read(file, 0, 9), "kept");
+  world_.script.Heal();
+  ExpectRecovery(file, "kept");
+}
+
 // ---- the failing block itself, kept in flight by the runtime ----
 
 class KeptWriteTest : public ::testing::Test {
@@ -555,6 +684,30 @@ TEST_F(KeptWriteTest, ADiscardIsForgottenWithTheLastHandle) {
     (void)file->Close();
   }
   world_.script.Heal();
+}
+
+// It was said of what the file had then, by the name that it had then.
+TEST_F(KeptWriteTest, ADiscardIsForgottenWithARename) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Fail({vesk::kFaultWrite}, EIO);
+  World::Write(file, "given up", 0);
+  (void)file.Flush();
+  EXPECT_TRUE(FileWorld::Await([&] { return file.GetStats().parked == 8; }));
+  file.Discard();
+  EXPECT_TRUE(FileWorld::Await([&] { return file.GetStats().dirty == 0; }));
+  EXPECT_TRUE(world_.files().Rename("a", "b").ok());
+  FileHandle& next = world_.Open("a");
+  World::Write(file, "renamed", 0);
+  World::Write(next, "next", 0);
+  (void)file.Flush();
+  (void)next.Flush();
+  EXPECT_TRUE(FileWorld::Await([&] { return file.GetStats().parked == 7; }));
+  EXPECT_TRUE(FileWorld::Await([&] { return next.GetStats().parked == 4; }));
+  world_.script.Heal();
+  EXPECT_TRUE(FileWorld::Await([&] { return file.Close().ok(); }));
+  EXPECT_TRUE(FileWorld::Await([&] { return next.Close().ok(); }));
+  EXPECT_EQ(world_.Stored("a"), "next");
+  EXPECT_EQ(world_.Stored("b"), "renamed");
 }
 
 // Parked and held writes go by name: none may arrive in a file that has the name later.

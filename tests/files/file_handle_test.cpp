@@ -183,10 +183,15 @@ TEST_P(FileHandleTest, AClosedHandleTakesNoMoreRequests) {
   EXPECT_EQ(file.Truncate(1).error(), EBADF);
   EXPECT_EQ(file.Append("x", 1).error(), EBADF);
   Write(file, "x", 0, EBADF);
-  EXPECT_EQ(Read(file, 0, 9, EBADF), "");
+  char byte = 'x';
+  std::size_t moved = 7;
+  EXPECT_EQ(file.ReadAt(&byte, 1, 0, &moved).error(), EBADF);
+  EXPECT_EQ(moved, 0u);
   file.Advise(Advice::kWillNeed, 0, 5);
+  EXPECT_EQ(other.GetStats().in_flight + other.GetStats().cached, 0u);
+  Write(other, "BY", 0);
   file.Discard();
-  EXPECT_EQ(Read(other, 0, 9), "bytes");
+  EXPECT_EQ(Read(other, 0, 9), "BYtes");
 }
 
 class DiskTest : public FileHandleTest {};
@@ -366,6 +371,10 @@ TEST(FarOffsetsTest, AMemoryFileHoldsBytesAtTheLargestOffset) {
   FileWorld::Write(file, "first", 0);
   FileWorld::Write(file, "end", kMaxSize - 3);
   EXPECT_EQ(file.Size(), kMaxSize);
+  char end[] = "END";
+  const iovec out[] = {{end, 1}, {end + 1, 2}};
+  EXPECT_TRUE(file.WriteAt(out, 2, kMaxSize - 3).ok());
+  FileWorld::Write(file, "end", kMaxSize - 3);
   EXPECT_EQ(file.Append("x", 1).error(), EFBIG);
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(FileWorld::Read(file, kMaxSize - 5, 100), std::string("\0\0end", 5));
@@ -376,6 +385,8 @@ TEST(FarOffsetsTest, AMemoryFileHoldsBytesAtTheLargestOffset) {
   }
   EXPECT_TRUE(file.Truncate(2).ok());
   EXPECT_EQ(FileWorld::Read(file, 0, 100), "fi");
+  EXPECT_TRUE(file.Truncate(kMaxSize).ok());
+  EXPECT_EQ(file.Size(), kMaxSize);
 }
 
 TEST_P(FileHandleTest, AGapThatWasNeverWrittenReadsAsZeros) {
@@ -471,7 +482,41 @@ TEST_P(FileHandleTest, AVectoredWriteBeyondTheLargestOffsetWritesNothing) {
   std::size_t moved = 7;
   EXPECT_EQ(file.WriteAt(out, 2, kMaxSize - 15, &moved).error(), EFBIG);
   EXPECT_EQ(moved, 0u);
+  EXPECT_EQ(file.WriteAt(out, 2, kMaxSize - 15).error(), EFBIG);
+  // However far beyond, and though the sum of the lengths is small again.
+  const std::size_t half = std::size_t{1} << 63;
+  const iovec around[] = {{a.data(), 10}, {a.data(), half}, {a.data(), half}, {a.data(), 10}};
+  EXPECT_EQ(file.WriteAt(around, 4, 0, &moved).error(), EFBIG);
+  EXPECT_EQ(moved, 0u);
   EXPECT_EQ(file.Size(), 0u);
+}
+
+// The next part would stand where the one before it should.
+TEST_P(FileHandleTest, AVectoredWriteWithoutMemoryTellsHowMuchItHasWritten) {
+  const std::string a(10, 'a');
+  const std::string b(20, 'b');
+  const auto part = [](const std::string& s) {
+    return iovec{const_cast<char*>(s.data()), s.size()};
+  };
+  const iovec out[] = {part(a), part(b)};
+  unsigned errors = 0;
+  bool fired = true;
+  for (long nth = 1; fired; ++nth) {
+    SCOPED_TRACE(nth);
+    FileHandle& file = Open(std::to_string(nth));
+    std::size_t moved = 7;
+    Status status;
+    {
+      const FailingAllocation failing(nth);
+      status = file.WriteAt(out, 2, 0, &moved);
+      fired = failing.Fired();
+    }
+    if (!status.ok()) ++errors;
+    if (file.Broken()) continue;  // a failed check: what that means has its own test
+    EXPECT_EQ(status.ok(), moved == 30u) << status.Message();
+    EXPECT_EQ(Read(file, 0, 100), (a + b).substr(0, moved));
+  }
+  EXPECT_GE(errors, 1u);
 }
 
 TEST_P(FileHandleTest, AppendTellsWhereTheBytesWent) {
@@ -837,6 +882,62 @@ TEST_F(LimitsTest, ASyncOfTheStoreThatHangsEndsInTimeAndIsNoFailure) {
   EXPECT_EQ(file.GetStats().last_error, 0);
 }
 
+// It is over when the store has done it, whatever has begun meanwhile.
+TEST_F(LimitsTest, ASyncThatIsDoneDoesNotWaitForATruncateThatHangs) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Hold({vesk::kFaultSync | vesk::kFaultTruncate});
+  Task syncing([&] { EXPECT_TRUE(file.Sync().ok()); });
+  world_.script.AwaitHeld(1);
+  Task cutting([&] { EXPECT_TRUE(file.Truncate(10).ok()); });
+  world_.script.AwaitHeld(2);
+  world_.script.EndOne(0, 0);
+  EXPECT_TRUE(syncing.Await());
+  EXPECT_FALSE(cutting.Ended());
+  world_.script.Heal();
+  EXPECT_TRUE(cutting.Await());
+}
+
+// Whoever reads "write-back" believes that bytes written before are not stored.
+TEST_F(LimitsTest, AnErrorIsCalledAFailedWriteBackOnlyWhereItIsOne) {
+  FileHandle& file = world_.Open("a");
+  FileHandle& closed = world_.Open("a");
+  EXPECT_TRUE(closed.Close().ok());
+  const auto expect = [](const char* what, const Status& status, int error) {
+    EXPECT_EQ(status.error(), error) << what;
+    EXPECT_FALSE(status.write_back()) << what;
+    EXPECT_EQ(status.context().find("write-back"), std::string::npos) << status.context();
+  };
+  const auto expect_all = [&](FileHandle& handle, int error) {
+    expect("read", Read(handle, 0), error);
+    expect("write", handle.WriteAt("x", 1, 0), error);
+    expect("append", handle.Append("x", 1), error);
+    expect("truncate", handle.Truncate(1), error);
+    expect("sync", handle.Sync(), error);
+  };
+  expect_all(closed, EBADF);
+  expect("flush", closed.Flush(), EBADF);
+  char byte = 'x';
+  const iovec beyond = {&byte, std::size_t{1} << 63};
+  expect("vectored write beyond the largest offset", file.WriteAt(&beyond, 1, 0), EFBIG);
+  expect("write beyond the largest offset", file.WriteAt("x", 1, ~std::uint64_t{0}), EFBIG);
+  expect("truncate beyond the largest offset", file.Truncate(~std::uint64_t{0}), EFBIG);
+  world_.script.Fail({vesk::kFaultTruncate | vesk::kFaultSync}, EPERM, 2);
+  expect("truncate that the store refuses", file.Truncate(1), EPERM);
+  expect("sync that the store refuses", file.Sync(), EPERM);
+  world_.script.Hold({vesk::kFaultSync | vesk::kFaultWrite});
+  {
+    const RequestScope scope(world_.In(milliseconds(10)));
+    expect("sync that the store does not end", file.Sync(), ETIMEDOUT);
+    FileWorld::Write(file, "dirty", 0);
+    expect("sync whose writes do not end", file.Sync(), ETIMEDOUT);
+    expect("truncate that waits for writes", file.Truncate(1), ETIMEDOUT);
+    expect("close that waits for writes", file.Close(), ETIMEDOUT);
+  }
+  world_.script.Heal();
+  EXPECT_TRUE(world_.files().Remove("a").ok());
+  expect_all(file, ESTALE);
+}
+
 TEST_F(LimitsTest, TruncateEndsInTimeAndTheFileGoesOn) {
   FileHandle& file = world_.Open("a");
   FileWorld::Write(file, "bytes", 10);
@@ -878,6 +979,35 @@ TEST_F(LimitsTest, ATruncateThatTookPlaceAfterItsTimeIsNoticed) {
   EXPECT_EQ(world_.Stored("a").size(), 10u);
   EXPECT_EQ(FileWorld::Read(file, 0, 100), content_.substr(0, 10));
   EXPECT_EQ(file.Size(), 10u);
+}
+
+// It could cut off later what is written now, or reach another file that has the name by then.
+TEST_F(LimitsTest, WhileATruncateThatOutlastedItsTimeIsOnItsWayNothingIsDoneWithTheFile) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Hold({vesk::kFaultTruncate, "a"});
+  {
+    const RequestScope scope(world_.In(milliseconds(20)));
+    EXPECT_EQ(file.Truncate(10).error(), ETIMEDOUT);
+  }
+  const auto no_write_back = [](Status status) {
+    EXPECT_FALSE(status.write_back()) << status.Message();
+    return status;
+  };
+  ExpectLimits("read", [&] { return Read(file, 0); });
+  ExpectLimits("write", [&] { return no_write_back(file.WriteAt("x", 1, 0)); });
+  ExpectLimits("append", [&] { return no_write_back(file.Append("x", 1)); });
+  ExpectLimits("truncate", [&] { return no_write_back(file.Truncate(5)); });
+  ExpectLimits("close", [&] { return no_write_back(file.Close()); });
+  ExpectLimits("rename", [&] { return world_.files().Rename("a", "c"); });
+  ExpectLimits("replacing rename", [&] { return world_.files().Rename("b", "a"); });
+  ExpectLimits("remove", [&] { return world_.files().Remove("a"); });
+  EXPECT_EQ(world_.Stored("a"), content_) << "it has its name";
+  EXPECT_EQ(world_.Stored("b"), content_);
+  EXPECT_EQ(world_.script.held(), 1u);
+  world_.script.Heal();
+  EXPECT_EQ(FileWorld::Read(file, 0, 100), content_.substr(0, 10));
+  EXPECT_TRUE(world_.files().Rename("a", "c").ok());
+  EXPECT_EQ(world_.Stored("c"), content_.substr(0, 10));
 }
 
 TEST_F(LimitsTest, OpenRenameAndRemoveEndInTime) {
@@ -1077,6 +1207,22 @@ TEST_F(LimitsTest, AFailedCheckTakesTheFileOutOfServiceAndNothingElse) {
   EXPECT_EQ(world_.Stored("b").substr(0, 5), "dirty");
 }
 
+// Whether it waits for its bytes to be written or for the store to make them durable.
+TEST_F(LimitsTest, ASyncDuringWhichACheckFailsDoesNotSaySuccess) {
+  for (const auto operation : {vesk::kFaultWrite, vesk::kFaultSync}) {
+    FileHandle& file = world_.Open("a");
+    FileWorld::Write(file, "bytes", 0);
+    world_.script.Hold({operation, "a"});
+    Task syncing([&] { EXPECT_EQ(file.Sync().error(), EIO); });
+    world_.script.AwaitHeld(1);
+    Break(file);
+    EXPECT_FALSE(syncing.Ended());
+    world_.script.Heal();
+    EXPECT_TRUE(syncing.Await());
+    world_.CloseAll();
+  }
+}
+
 TEST_F(LimitsTest, AFileStaysOutOfServiceAsLongAsAnybodyHasItOpen) {
   std::unique_ptr<FileHandle> one;
   std::unique_ptr<FileHandle> two;
@@ -1098,6 +1244,18 @@ TEST_F(LimitsTest, AFileOutOfServiceIsOpenedAfresh) {
   FileHandle& again = world_.Open("a");
   EXPECT_FALSE(again.Broken());
   EXPECT_EQ(FileWorld::Read(again, 0, 100), content_.substr(0, 100));
+}
+
+// Nobody knows what of it would have to be stored first.
+TEST_F(LimitsTest, AFileOutOfServiceKeepsItsName) {
+  FileHandle& file = world_.Open("a");
+  Break(file);
+  EXPECT_EQ(world_.files().Rename("a", "c").error(), EIO);
+  EXPECT_EQ(world_.files().Rename("b", "a").error(), EIO);
+  EXPECT_EQ(world_.files().Remove("a").error(), EIO);
+  EXPECT_EQ(world_.Stored("a"), content_);
+  EXPECT_EQ(world_.Stored("b"), content_);
+  EXPECT_EQ(world_.Stored("c"), "(no file)");
 }
 
 // Dirty bytes up to the limit, and clean blocks in all the rest of the memory.

@@ -12,6 +12,8 @@
 #include <thread>
 
 #include "tests/files/file_world.h"
+#include "tests/support/allocation.h"
+#include "tests/support/manual_clock.h"
 #include "tests/support/task.h"
 #include "tests/support/temporary_directory.h"
 
@@ -177,6 +179,16 @@ TEST_F(FreshnessTest, OwnWritesAreNotTakenForForeignChanges) {
   EXPECT_EQ(world_.Stored("a"), expected);
 }
 
+TEST_F(FreshnessTest, AnOwnTruncateIsNotTakenForAForeignChange) {
+  FileHandle& file = world_.Open("a");
+  for (const std::uint64_t size : {200u, 300u}) {
+    EXPECT_TRUE(file.Truncate(size).ok());
+    Pass();
+    EXPECT_EQ(World::Read(file, 0, 10), old_.substr(0, 10));
+    EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown) << size;
+  }
+}
+
 TEST_F(FreshnessTest, AForeignChangeAfterOwnWritesIsTold) {
   FileHandle& file = world_.Open("a");
   World::Write(file, "own", 0);
@@ -227,6 +239,23 @@ TEST_F(FreshnessTest, OwnWritesOnTheirWayAreNotTakenForForeignChanges) {
   Pass();
   EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3));
   EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+}
+
+// Nor is what was fetched not long ago fetched again for them.
+TEST_F(FreshnessTest, ALookBesideOwnWritesOnTheirWayCostsNoFetch) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "own", 0);
+  Pass(kInterval * 2 / 3);
+  EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3));
+  world_.script.Hold({vesk::kFaultWrite});
+  EXPECT_TRUE(file.Flush().ok());
+  const std::uint64_t reads = world_.script.Count(vesk::kFaultRead);
+  const std::uint64_t stats = Stats();
+  Pass(kInterval * 2 / 3);
+  EXPECT_EQ(World::Read(file, 2 * kBlock, 600), old_.substr(2 * kBlock));
+  EXPECT_EQ(Stats(), stats + 1);
+  EXPECT_EQ(world_.script.Count(vesk::kFaultRead), reads);
+  world_.script.Heal();
 }
 
 TEST_F(FreshnessTest, OwnUnsavedBytesOutliveAForeignChange) {
@@ -348,6 +377,51 @@ TEST_F(FreshnessTest, ADoubtOutlivesOwnBytesOnTheirWay) {
   EXPECT_EQ(file.Size(), 100u);
   world_.script.Heal();
   EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3, 97));
+}
+
+TEST_F(FreshnessTest, ADoubtThatProvesUnfoundedCostsNoFetch) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Fail({vesk::kFaultTruncate}, EIO, 1);
+  EXPECT_EQ(file.Truncate(100).error(), EIO);
+  file.Advise(vesk::Advice::kWillNeed, 0, 500);
+  const std::uint64_t reads = world_.script.Count(vesk::kFaultRead);
+  const std::uint64_t stats = Stats();
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  EXPECT_EQ(Stats(), stats + 1);
+  EXPECT_EQ(world_.script.Count(vesk::kFaultRead), reads);
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+}
+
+// The request would go on with what may be wrong.
+TEST_F(FreshnessTest, ARequestWithoutMemoryToLookEndsAndTheNextOneLooksAgain) {
+  unsigned errors = 0;
+  bool fired = true;
+  for (long nth = 1; fired; ++nth) {
+    SCOPED_TRACE(nth);
+    world_.Put("a", old_);
+    FileHandle& file = world_.Open("a");
+    world_.script.FailAfterwards({vesk::kFaultTruncate}, EIO, 1);
+    EXPECT_EQ(file.Truncate(100).error(), EIO);  // its length is doubtful now
+    Status status;
+    {
+      const FailingAllocation failing(nth);
+      std::string bytes;
+      std::size_t moved = 0;
+      status = file.ReadAt(bytes.data(), 0, 0, &moved);
+      fired = failing.Fired();
+    }
+    EXPECT_TRUE(status.ok() || status.error() == ENOMEM) << status.Message();
+    EXPECT_FALSE(status.write_back());
+    if (!status.ok()) ++errors;
+    const std::uint64_t stats = Stats();
+    EXPECT_EQ(World::Read(file, 0, 10), old_.substr(0, 10));
+    if (!status.ok()) {
+      EXPECT_GE(Stats(), stats + 1);
+    }
+    EXPECT_EQ(file.Size(), 100u);
+    EXPECT_TRUE(file.Close().ok());
+  }
+  EXPECT_GE(errors, 1u);
 }
 
 TEST_F(FreshnessTest, AFileThatIsGoneIsStaleAndComesBack) {
@@ -563,6 +637,184 @@ TEST_F(FreshnessTest, ByPolicyOthersWaitWhileOneRequestAsksTheStore) {
   world_.script.Heal();
   EXPECT_TRUE(asking.Await());
   EXPECT_TRUE(other.Await());
+}
+
+// Bytes of ours that had arrived before the other program's, in another range than the one where
+// that is found out. Nobody has collected their end.
+TEST_F(FreshnessTest, OwnBytesThatHadArrivedDoNotHideAForeignChange) {
+  const std::string old_content = FileWorld::Content(100 * kBlock);
+  const std::string new_content = FileWorld::Content(80 * kBlock, 1);
+  world_.Put("a", old_content);
+  vesk::Services services = world_.services();
+  services.reaper = nullptr;
+  vesk::FileSystem files(services, world_.store(), world_.options);
+  std::unique_ptr<FileHandle> file;
+  ASSERT_TRUE(files.Open("a", FileWorld::Writing(), &file).ok());
+  for (std::uint64_t at = 0; at < 70 * kBlock; at += kBlock) {
+    EXPECT_EQ(World::Read(*file, at, kBlock), old_content.substr(at, kBlock));
+  }
+  ASSERT_GE(file->GetStats().streams, 2u);
+  World::Write(*file, "own", 0);
+  EXPECT_TRUE(file->Flush().ok());
+  EXPECT_EQ(world_.Stored("a").substr(0, 3), "own");
+  world_.Put("a", new_content);
+  EXPECT_EQ(World::Read(*file, 90 * kBlock, 10), "") << "a fetch that brings too little";
+  EXPECT_EQ(World::Read(*file, 0, 100 * kBlock), new_content);
+  EXPECT_TRUE(file->Close().ok());
+}
+
+// ---- where several requests meet, and who waits for whom ----
+
+// Counts the waits: who is woken for nothing waits once more.
+class WaitingClock final : public ManualClock {
+ public:
+  void WaitUntil(vesk::Condition& condition, vesk::Mutex& mutex, Time until) override
+      VESK_REQUIRES(mutex) {
+    ++waits;
+    ManualClock::WaitUntil(condition, mutex, until);
+  }
+
+  std::atomic<unsigned> waits{0};
+};
+
+class LookTest : public ::testing::Test {
+ protected:
+  using World = FileWorld;
+
+  LookTest() {
+    world_.settings.refresh_interval = kInterval;
+    world_.options.check_patience = std::chrono::hours(1);
+    world_.Put("a", old_);
+  }
+  ~LookTest() override { ahead = 0; }
+
+  static void Pass() { ahead += kInterval + 2; }
+
+  static constexpr int kInterval = 100;
+  const std::string old_ = FileWorld::Content(500);
+  const std::string new_ = FileWorld::Content(500, 1);
+  WaitingClock clock_;  // it stands still: who waits does so until the test goes on
+  FileWorld world_{FileWorld::Kind::kMemoryNoRetry, clock_};
+};
+
+TEST_F(LookTest, WhoNeedsToKnowWaitsWhileAnotherRequestLooks) {
+  FileHandle& file = world_.Open("a");
+  world_.script.FailAfterwards({vesk::kFaultTruncate}, EIO, 1);
+  EXPECT_EQ(file.Truncate(100).error(), EIO);
+  Pass();
+  world_.script.Hold({vesk::kFaultStat});
+  Task looking([&] { EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100)); });
+  world_.script.AwaitHeld(1);
+  Task other([&] { EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100)); });
+  clock_.AwaitWaiters(2);
+  EXPECT_FALSE(other.Ended());
+  EXPECT_EQ(world_.script.held(), 1u) << "the store is asked once";
+  world_.script.Heal();
+  EXPECT_TRUE(looking.Await());
+  EXPECT_TRUE(other.Await());
+}
+
+// Nobody knows anything before the one who looks does; that others are called off tells nothing.
+TEST_F(LookTest, WhoWaitsForALookIsNotServedBecauseAnotherOneGivesUp) {
+  world_.options.when_unknown = UnknownPolicy::kFail;
+  FileHandle& file = world_.Open("a");
+  ahead += kInterval * 2 / 3;
+  EXPECT_EQ(World::Read(file, 0, 600), old_);  // which is not old when the store is asked
+  ahead += kInterval * 2 / 3;
+  world_.script.Hold({vesk::kFaultStat});
+  const auto fail = [&] { World::Read(file, 0, 600, ESTALE); };
+  Task looking(fail);
+  world_.script.AwaitHeld(1);
+  Task waiting(fail);
+  clock_.AwaitWaiters(2);
+  Task leaving([&] {
+    std::string bytes(10, '?');
+    std::size_t moved = 0;
+    (void)file.ReadAt(bytes.data(), 10, 0, &moved);
+  });
+  clock_.AwaitWaiters(3);
+  const unsigned waits = clock_.waits;
+  leaving.Cancel();
+  EXPECT_TRUE(leaving.Await());
+  EXPECT_TRUE(World::Await([&] { return clock_.waits > waits || waiting.Ended(); }));
+  EXPECT_FALSE(waiting.Ended());
+  world_.script.EndHeld(EIO);
+  EXPECT_TRUE(looking.Await());
+  EXPECT_TRUE(waiting.Await());
+  world_.script.Heal();
+}
+
+TEST_F(LookTest, ATruncateThatOutlastedItsRequestIsWaitedForByEverybody) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Hold({vesk::kFaultTruncate});
+  Task cutting([&] { EXPECT_EQ(file.Truncate(100).error(), ECANCELED); });
+  world_.script.AwaitHeld(1);
+  cutting.Cancel();
+  EXPECT_TRUE(cutting.Await());
+  const auto read = [&] { EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100)); };
+  Task one(read);
+  Task two(read);
+  Task three(read);
+  clock_.AwaitWaiters(3);
+  EXPECT_FALSE(one.Ended() || two.Ended() || three.Ended());
+  world_.script.Heal();
+  EXPECT_TRUE(one.Await());
+  EXPECT_TRUE(two.Await());
+  EXPECT_TRUE(three.Await());
+  EXPECT_EQ(file.Size(), 100u);
+}
+
+TEST_F(LookTest, ATruncateLeavesNothingBehindThoughItOutlastsItsRequest) {
+  FileHandle& file = world_.Open("a");
+  constexpr long kRounds = 50;
+  const auto round = [&] {
+    world_.script.Hold({vesk::kFaultTruncate}, 1);
+    Task cutting([&] { EXPECT_EQ(file.Truncate(100).error(), ECANCELED); });
+    world_.script.AwaitHeld(1);
+    cutting.Cancel();
+    EXPECT_TRUE(cutting.Await());
+    world_.script.Heal();
+    EXPECT_EQ(World::Read(file, 0, 10), old_.substr(0, 10));
+    EXPECT_TRUE(file.Truncate(200).ok());
+  };
+  round();
+  const long before = LiveAllocations();
+  for (long i = 0; i < kRounds; ++i) round();
+  EXPECT_LT(LiveAllocations(), before + kRounds) << "a job or more each time";
+}
+
+// What the store has said before it is not what its file is afterwards.
+TEST_F(LookTest, ALookThatMeetsATruncateDoesNotBringTheOldLengthBack) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultTruncate});
+  Task cutting([&] { EXPECT_TRUE(file.Truncate(100).ok()); });
+  world_.script.AwaitHeld(1);
+  world_.Put("a", new_);
+  Pass();
+  Task looking([&] { EXPECT_EQ(World::Read(file, 0, 600), new_.substr(0, 100)); });
+  clock_.AwaitWaiters(2);  // it has seen the change, and waits for the turn
+  world_.script.Heal();
+  EXPECT_TRUE(cutting.Await());
+  EXPECT_TRUE(looking.Await());
+  EXPECT_EQ(file.Size(), 100u);
+}
+
+// The first look does not hold, since bytes of ours are on their way, and the second one is by the
+// thread that has the turn.
+TEST_F(LookTest, AFileThatGoesAwayBetweenTwoLooksIsStale) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "own", 0);
+  world_.script.Hold({vesk::kFaultWrite});
+  EXPECT_TRUE(file.Flush().ok());
+  world_.Put("a", old_.substr(0, 100));
+  world_.script.Hold({vesk::kFaultStat}, 1);
+  world_.script.Fail({vesk::kFaultStat}, ENOENT);
+  Task reader([&] { World::Read(file, 300, 10, ESTALE); });  // its fetch brings too little
+  world_.script.AwaitHeld(2);
+  world_.script.EndOne(1, 0);
+  EXPECT_TRUE(reader.Await());
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kGone);
 }
 
 }  // namespace

@@ -5,11 +5,13 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "tests/files/file_world.h"
+#include "tests/support/manual_clock.h"
 #include "tests/support/task.h"
 #include "tests/support/temporary_directory.h"
 
@@ -150,7 +152,7 @@ TEST_P(NamesTest, ARenamedFileIsTendedByItsNewName) {
   EXPECT_TRUE(World::Await([&] { return file.GetStats().dirty == 0; }));
 }
 
-TEST_P(NamesTest, AFileThatNobodyTendsIsRenamed) {
+TEST_P(NamesTest, AFileThatNobodyTendsIsRenamedAndRemoved) {
   vesk::Services services = world_.services();
   services.reaper = nullptr;
   vesk::FileSystem files(services, world_.store(), world_.options);
@@ -159,6 +161,10 @@ TEST_P(NamesTest, AFileThatNobodyTendsIsRenamed) {
   World::Write(*file, "bytes", 0);
   EXPECT_TRUE(files.Rename(Path("a"), Path("b")).ok());
   EXPECT_EQ(Stored("b"), "bytes");
+  World::Write(*file, "never", 0);
+  EXPECT_TRUE(file->Flush().ok());
+  EXPECT_TRUE(files.Remove(Path("b")).ok());
+  EXPECT_EQ(Stored("b"), "(no file)");
   EXPECT_TRUE(file->Close().ok());
 }
 
@@ -347,6 +353,25 @@ TEST_P(NamesTest, ReadersAndWritersBesideRenamesMissNothing) {
   EXPECT_EQ(Stored("b"), "(no file)");
 }
 
+// Nor is it looked after by a name that is another file's.
+TEST_P(NamesTest, ARenamedFileHearsNothingOfWhoGetsItsOldName) {
+  FileHandle& file = Open("a");
+  EXPECT_TRUE(Rename("a", "b").ok());
+  FileHandle& other = Open("a");
+  world_.script.Fail({vesk::kFaultWrite, Path("a")}, EIO);
+  World::Write(other, "kept", 0);
+  (void)other.Flush();  // it may fail at once
+  EXPECT_TRUE(FileWorld::Await([&] { return other.GetStats().last_error != 0; }));
+  EXPECT_EQ(file.GetStats().last_error, 0);
+  World::Write(file, "bytes", 0);
+  const Status closed = file.Close();
+  EXPECT_TRUE(closed.ok()) << closed.Message();
+  world_.script.Heal();
+  EXPECT_TRUE(FileWorld::Await([&] { return other.Close().ok(); }));
+  EXPECT_EQ(Stored("a"), "kept");
+  EXPECT_EQ(Stored("b"), "bytes");
+}
+
 // ---- removing ----
 
 TEST_P(NamesTest, TheHandlesOfARemovedFileAreStaleAndItsNameIsFree) {
@@ -381,6 +406,82 @@ TEST_P(NamesTest, ARemovedFileHearsNothingOfItsSuccessor) {
   world_.script.Heal();
   EXPECT_TRUE(FileWorld::Await([&] { return successor.Close().ok(); }));
   EXPECT_EQ(Stored("a"), "kept");
+}
+
+TEST_P(NamesTest, ARemovedFileClosesThoughItsWritesHadFailed) {
+  FileHandle& told = Open("a");
+  FileHandle& file = Open("a");
+  World::Write(file, "never", 0);
+  world_.script.Fail({vesk::kFaultWrite}, EIO);
+  EXPECT_EQ(told.Sync().error(), EIO);
+  EXPECT_TRUE(Remove("a").ok());
+  const Status closed = file.Close();
+  EXPECT_TRUE(closed.ok()) << closed.Message();
+  EXPECT_EQ(file.GetStats().parked, 0u);
+  world_.script.Heal();
+  EXPECT_EQ(Stored("a"), "(no file)");
+}
+
+// And does not turn round in circles meanwhile, whoever collects the ends.
+TEST(RemovalTest, WhoNeedsTheFileToItselfSleepsUntilNothingIsInFlight) {
+  ManualClock clock;
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry, clock);
+  vesk::Services services = world.services();
+  services.reaper = nullptr;
+  vesk::FileSystem files(services, world.store(), world.options);
+  const auto waits = [&] { return world.dispatcher().GetStats().waits["Flush"].count; };
+  std::unique_ptr<FileHandle> file;
+  const std::function<Status()> requests[] = {
+      [&] { return file->Truncate(500); },
+      [&] { return files.Rename("a", "b"); },
+      [&] { return files.Remove("a"); },
+  };
+  for (const auto& request : requests) {
+    for (const auto operation : {vesk::kFaultWrite, vesk::kFaultRead}) {
+      world.Put("a", FileWorld::Content(1000));
+      ASSERT_TRUE(files.Open("a", FileWorld::Writing(), &file).ok());
+      world.script.Hold({operation});
+      if (operation == vesk::kFaultWrite) {
+        FileWorld::Write(*file, "bytes", 0);
+        EXPECT_TRUE(file->Flush().ok());
+      } else {
+        file->Advise(vesk::Advice::kWillNeed, 0, 10);
+      }
+      world.script.AwaitHeld(1);
+      const std::uint64_t before = waits();
+      Task task([&] { EXPECT_TRUE(request().ok()); });
+      clock.AwaitWaiters(1);
+      world.script.Heal();
+      EXPECT_TRUE(task.Await());
+      EXPECT_EQ(waits(), before + 1);
+      EXPECT_EQ(file->GetStats().in_flight, 0u);
+      file.reset();
+    }
+  }
+}
+
+// It could arrive in another file that has the name by then.
+TEST(RemovalTest, NothingMoreSetsOutForAFileThatIsBeingRemoved) {
+  ManualClock clock;  // it stands still
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry, clock);
+  FileHandle& file = world.Open("a");
+  FileWorld::Write(file, "on its way", 0);
+  world.script.Hold({vesk::kFaultWrite});
+  EXPECT_TRUE(file.Flush().ok());
+  world.script.AwaitHeld(1);
+  FileWorld::Write(file, "later", std::uint64_t{10} * FileWorld::kBlock);
+  Task remover([&] { EXPECT_TRUE(world.files().Remove("a").ok()); });
+  clock.AwaitWaiters(1);
+  {
+    const RequestScope scope(world.In(milliseconds(0)));
+    EXPECT_EQ(file.Truncate(1).error(), ETIMEDOUT);  // though others try, and give up
+  }
+  EXPECT_TRUE(file.Flush().ok());
+  EXPECT_EQ(world.script.Count(vesk::kFaultWrite), 1u);
+  world.script.Heal();
+  EXPECT_TRUE(remover.Await());
+  EXPECT_EQ(world.Stored("a"), "(no file)");
+  EXPECT_TRUE(file.Close().ok());
 }
 
 TEST_P(NamesTest, AFailedRemovalLeavesTheFile) {

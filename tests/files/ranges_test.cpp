@@ -215,6 +215,31 @@ TEST_F(RangesTest, TruncateReachesEveryRange) {
   }
 }
 
+// The other file's reads take its memory while the store cuts it, or fails to.
+TEST_F(RangesTest, ATruncateThatMeetsRangesThatAreGoneByThen) {
+  world_.options.memory = 64 * kPage;
+  world_.Put("other", FileWorld::Content(64 * kPage));
+  FileHandle& other = world_.Open("other");
+  for (const int error : {0, EPERM}) {
+    FileHandle& file = Begin(60);
+    ReadPages(file, 0, 60);
+    ASSERT_GE(file.GetStats().streams, 4u);
+    world_.script.Hold({vesk::kFaultTruncate});
+    Task cutting([&] { EXPECT_EQ(file.Truncate(10 * kPage).error(), error); });
+    world_.script.AwaitHeld(1);
+    EXPECT_EQ(FileWorld::Read(other, 0, 64 * kPage).size(), 64 * kPage);
+    EXPECT_EQ(file.GetStats().cached, 0u);
+    EXPECT_EQ(file.GetStats().streams, 1u);
+    if (error != 0) world_.script.EndHeld(error);
+    world_.script.Heal();
+    EXPECT_TRUE(cutting.Await());
+    if (error == 0) content_.resize(10 * kPage);
+    other.Advise(Advice::kDontNeed, 0, 64 * kPage);
+    ExpectWhole(file);
+    EXPECT_TRUE(file.Close().ok());
+  }
+}
+
 TEST_F(RangesTest, AReaderWhoHasGoneThroughALargeFileLeavesFewRanges) {
   constexpr std::uint64_t kPages = 2000;
   world_.options.memory = std::uint64_t{32} * kPage;
