@@ -183,7 +183,6 @@ Status FileSystem::Private::Open(const std::string& name, const OpenOptions& ope
 }
 
 Outcome FileSystem::Private::Close(Node& node, WriteFailures::Seen* seen) {
-  if (node.broken()) return {EIO, false};
   const Outcome drained = node.Drain(seen);
   if (drained.error != 0) return drained;
   {
@@ -401,9 +400,10 @@ void FileSystem::Private::WriteOut(Clock::Duration age) {
 }
 
 bool FileSystem::Private::NothingInFlight() const {
-  const std::vector<std::shared_ptr<Node>> nodes = Nodes();
-  return std::all_of(nodes.begin(), nodes.end(),
-                     [](const std::shared_ptr<Node>& node) { return node->in_flight() == 0; });
+  for (const std::shared_ptr<Node>& node : Nodes()) {
+    if (node->in_flight() > 0) return false;
+  }
+  return true;
 }
 
 void FileSystem::Private::Tend() {

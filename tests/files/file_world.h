@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
@@ -26,6 +27,7 @@
 #include "runtime/decorator_faults.h"
 #include "runtime/decorator_retry.h"
 #include "runtime/dispatcher.h"
+#include "runtime/name_operation.h"
 #include "runtime/reaper.h"
 #include "runtime/request.h"
 #include "runtime/settings.h"
@@ -93,6 +95,12 @@ class ScriptedStore final : public vesk::Decorator {
       ends.swap(ends_);
     }
     for (const auto& [job, result] : ends) End(job, result);
+  }
+
+  // What the store says of files is changed before anybody hears of it; for ever.
+  void Describe(std::function<void(const std::string& name, vesk::FileInfo& info)> describe) {
+    const vesk::MutexLock guard(mutex_);
+    describe_ = std::move(describe);
   }
 
   // Every rule is forgotten; what was held takes place, in the order in which it came.
@@ -281,6 +289,10 @@ class ScriptedStore final : public vesk::Decorator {
     {
       const SparedAllocations spared;
       const vesk::MutexLock guard(mutex_);
+      if (describe_ && result == 0 && BitOf(*job) == vesk::kFaultStat) {
+        const vesk::NameOperation stat(job->GetOP());
+        describe_(stat.name, stat.ResultAs<vesk::FileInfo>());
+      }
       const auto rule = afterwards_.find(job);
       if (rule != afterwards_.end()) {
         const int error = rule->second;
@@ -312,6 +324,7 @@ class ScriptedStore final : public vesk::Decorator {
   // Errors of operations under way that end otherwise than they went; 0: their ends are held.
   std::map<vesk::VeskJob*, int> afterwards_ VESK_GUARDED_BY(mutex_);
   std::vector<std::pair<vesk::VeskJob*, int>> ends_ VESK_GUARDED_BY(mutex_);  // with their results
+  std::function<void(const std::string&, vesk::FileInfo&)> describe_ VESK_GUARDED_BY(mutex_);
   std::map<vesk::FaultOperations, std::uint64_t> counts_ VESK_GUARDED_BY(mutex_);
   std::uint64_t batches_ VESK_GUARDED_BY(mutex_) = 0;
 };
