@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -11,6 +12,8 @@
 namespace vesk {
 
 namespace {
+
+constexpr std::uint64_t kNoEnd = std::numeric_limits<std::uint64_t>::max();
 
 // Calls `request`; no memory for it is an error like others.
 template <typename Request>
@@ -141,7 +144,7 @@ std::uint64_t FileHandle::Size() const { return self_->node->size(); }
 
 void FileHandle::Advise(Advice advice, std::uint64_t offset, std::uint64_t length) {
   if (self_->closed) return;
-  const std::uint64_t end = offset + std::min(length, Size() - std::min(Size(), offset));
+  const std::uint64_t end = offset + std::min(length, kNoEnd - offset);
   try {
     switch (advice) {
       case Advice::kWillNeed: self_->node->FetchAhead(offset, end, nullptr); break;

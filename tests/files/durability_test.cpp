@@ -600,6 +600,17 @@ TEST_F(KeptWriteTest, AWriteThatHasToWaitForTheFailingBlockIsToldAtOnce) {
   EXPECT_TRUE(FileWorld::Await([&] { return file.WriteAt("x", 1, 0).ok(); }));
 }
 
+TEST_F(KeptWriteTest, WhoRunsIntoAFailedWriteHasBeenToldOfIt) {
+  FileHandle& file = world_.Open("a");
+  FileHandle& other = world_.Open("a");
+  World::Write(file, "bytes", 0);
+  world_.script.Fail({vesk::kFaultWrite}, ENOSPC);
+  EXPECT_EQ(other.Sync().error(), ENOSPC);
+  World::Write(file, "x", 0, ENOSPC);
+  EXPECT_TRUE(file.Flush().ok()) << "told twice";
+  world_.script.Heal();
+}
+
 // Its own bytes are not taken, since those on their way would be lost without a word.
 TEST(WriteThatIsNotKeptTest, WhoWaitsForItIsToldWhenItFails) {
   FileWorld world(FileWorld::Kind::kMemoryNoRetry);

@@ -187,6 +187,8 @@ TEST_P(FileHandleTest, AClosedHandleTakesNoMoreRequests) {
   std::size_t moved = 7;
   EXPECT_EQ(file.ReadAt(&byte, 1, 0, &moved).error(), EBADF);
   EXPECT_EQ(moved, 0u);
+  const iovec nothing = {&byte, 0};
+  EXPECT_EQ(file.ReadAt(&nothing, 1, 0, &moved).error(), EBADF);
   file.Advise(Advice::kWillNeed, 0, 5);
   EXPECT_EQ(other.GetStats().in_flight + other.GetStats().cached, 0u);
   Write(other, "BY", 0);
@@ -512,6 +514,7 @@ TEST_P(FileHandleTest, AVectoredWriteWithoutMemoryTellsHowMuchItHasWritten) {
       fired = failing.Fired();
     }
     if (!status.ok()) ++errors;
+    EXPECT_FALSE(status.write_back());
     if (file.Broken()) continue;  // a failed check: what that means has its own test
     EXPECT_EQ(status.ok(), moved == 30u) << status.Message();
     EXPECT_EQ(Read(file, 0, 100), (a + b).substr(0, moved));
@@ -997,7 +1000,11 @@ TEST_F(LimitsTest, WhileATruncateThatOutlastedItsTimeIsOnItsWayNothingIsDoneWith
   ExpectLimits("write", [&] { return no_write_back(file.WriteAt("x", 1, 0)); });
   ExpectLimits("append", [&] { return no_write_back(file.Append("x", 1)); });
   ExpectLimits("truncate", [&] { return no_write_back(file.Truncate(5)); });
-  ExpectLimits("close", [&] { return no_write_back(file.Close()); });
+  ExpectLimits("close", [&] {
+    Status status = no_write_back(file.Close());
+    EXPECT_EQ(status.context(), "close of 'a'") << "nothing is unsaved";
+    return status;
+  });
   ExpectLimits("rename", [&] { return world_.files().Rename("a", "c"); });
   ExpectLimits("replacing rename", [&] { return world_.files().Rename("b", "a"); });
   ExpectLimits("remove", [&] { return world_.files().Remove("a"); });

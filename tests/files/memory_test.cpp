@@ -438,6 +438,45 @@ TEST_F(DirtyTest, WhereNothingIsOnItsWayTheSoftLimitWritesOutTheNewestBytesAsWel
   EXPECT_GT(world_.script.Count(vesk::kFaultWrite), 0u);
 }
 
+// Towards the beginning of the file, as above.
+TEST_F(DirtyTest, TheSoftLimitLeavesNewBytesToTheirWriterWhileOthersAreOnTheirWay) {
+  FileHandle& file = Begin("file");
+  HoldWrites();
+  FileWorld::Write(file, PageOf('x'), 20 * kPage);
+  EXPECT_TRUE(file.Flush().ok());
+  for (std::uint64_t page = 19; page > 16; --page)
+    FileWorld::Write(file, PageOf('x'), page * kPage);
+  FileWorld::Write(file, PageOf('x'), 16 * kPage);  // at the soft limit itself: no pause
+  EXPECT_EQ(world_.script.held(), 1u);
+  clock_.Advance(milliseconds(30));
+  Task writer([&] { FileWorld::Write(file, PageOf('x'), 15 * kPage); });
+  clock_.AwaitWaiters(1);
+  EXPECT_EQ(world_.script.held(), 5u) << "they are not new any more";
+  clock_.Advance(vesk::DirtyLimit::kLongestPause);
+  EXPECT_TRUE(writer.Await());
+  EXPECT_EQ(world_.script.held(), 5u);
+  world_.script.Heal();
+}
+
+TEST_F(DirtyTest, TheHardLimitWritesOutTheNewestBytesAsWell) {
+  world_.options.dirty_soft = world_.options.dirty_hard;
+  FileHandle& file = Begin("file");
+  HoldWrites();
+  FileWorld::Write(file, PageOf('x'), 20 * kPage);
+  EXPECT_TRUE(file.Flush().ok());
+  for (std::uint64_t page = 19; page > 12; --page)
+    FileWorld::Write(file, PageOf('x'), page * kPage);
+  EXPECT_EQ(world_.script.held(), 1u);
+  Task writer([&] { FileWorld::Write(file, PageOf('x'), 12 * kPage); });
+  clock_.AwaitWaiters(1);
+  EXPECT_EQ(world_.script.held(), 8u);
+  world_.script.Heal();
+  ASSERT_TRUE(FileWorld::Await([&] {
+    clock_.Advance(vesk::DirtyLimit::kLongestPause);
+    return writer.Ended();
+  }));
+}
+
 TEST_F(DirtyTest, AWriterAtTheHardLimitEndsWithItsDeadlineAndLosesNothing) {
   world_.options.dirty_soft = world_.options.dirty_hard;
   FileHandle& file = Begin("file");
