@@ -77,7 +77,6 @@ FileSystem::Private::Private(const Services& file_services, Store& file_store,
 }
 
 FileSystem::Private::~Private() {
-  ticker_.reset();
   std::uint64_t left = 0;
   for (const std::shared_ptr<Node>& node : Nodes()) {
     const Node::Quiet quiet(*node, Node::Quiet::What::kDrained);
@@ -134,7 +133,7 @@ std::shared_ptr<Node> FileSystem::Private::Attach(const std::string& name, const
   std::shared_ptr<Node> node = Find(name, info);
   const bool is_new = node == nullptr;
   if (is_new) {
-    if (renaming_ || looked_at != closed_) return nullptr;
+    if (looked_at != outdated_) return nullptr;
     node = std::make_shared<Node>(services, store, memory, dirty, options, name, info);
   }
   node->names.insert(name);
@@ -145,9 +144,15 @@ std::shared_ptr<Node> FileSystem::Private::Attach(const std::string& name, const
   return node;
 }
 
-std::uint64_t FileSystem::Private::ClosedSoFar() const {
+std::uint64_t FileSystem::Private::OutdatedSoFar() const {
   const MutexLock guard(mutex_);
-  return closed_;
+  return outdated_;
+}
+
+// Names are about to change, under their turn: an open that does not wait for its end looks again.
+void FileSystem::Private::Outdate() {
+  const MutexLock guard(mutex_);
+  ++outdated_;
 }
 
 Status FileSystem::Private::Open(const std::string& name, const OpenOptions& open,
@@ -158,11 +163,11 @@ Status FileSystem::Private::Open(const std::string& name, const OpenOptions& ope
   }
   std::shared_ptr<Node> node;
   for (OpenOptions how = open; node == nullptr; how.exclusive = false) {
+    const std::uint64_t looked_at = OutdatedSoFar();
     if (const int error = names_.Pass()) return {error, what};
-    const std::uint64_t closed = ClosedSoFar();
     FileInfo info;
     if (const int error = Examine(name, how, &info)) return {error, what};
-    node = Attach(name, info, closed);
+    node = Attach(name, info, looked_at);
   }
   // No more ahead than half of the memory: the other half holds what is being read.
   const auto block =
@@ -201,7 +206,7 @@ Outcome FileSystem::Private::Close(Node& node, WriteFailures::Seen* seen) {
 }
 
 void FileSystem::Private::Drop(const Node& node) {
-  if (node.written()) ++closed_;
+  if (node.written()) ++outdated_;
   nodes_.erase(std::find_if(nodes_.begin(), nodes_.end(),
                             [&node](const auto& other) { return other.get() == &node; }));
 }
@@ -214,11 +219,11 @@ void FileSystem::Private::LetGo(Node& node) {
 
 // Files that nobody has open any more and that could be stored at last.
 void FileSystem::Private::DropIdle() {
-  std::vector<std::shared_ptr<Node>> gone = Nodes();  // destroyed without the mutex
+  std::vector<std::shared_ptr<Node>> nodes;  // destroyed without the mutex
   const MutexLock guard(mutex_);
-  for (const std::shared_ptr<Node>& node : gone) {
-    const bool there = std::find(nodes_.begin(), nodes_.end(), node) != nodes_.end();
-    if (there && node->handles == 0 && node->idle()) Drop(*node);
+  nodes = nodes_;
+  for (const std::shared_ptr<Node>& node : nodes) {
+    if (node->handles == 0 && node->idle()) Drop(*node);
   }
 }
 
@@ -241,7 +246,6 @@ int FileSystem::Private::OtherName(const Node& node, const std::string& gone, st
     const MutexLock guard(mutex_);
     names = node.names;
   }
-  names.insert(node.name());
   names.erase(gone);
   for (const std::string& name : names) {
     FileInfo info;
@@ -252,25 +256,6 @@ int FileSystem::Private::OtherName(const Node& node, const std::string& gone, st
   }
   return 0;
 }
-
-// While one lives, names change: a file that was looked at before its end is looked at again before
-// it is taken into the table.
-class FileSystem::Private::Renaming {
- public:
-  explicit Renaming(Private& files) : files_(files) { Set(true); }
-  ~Renaming() { Set(false); }
-  Renaming(const Renaming&) = delete;
-  Renaming& operator=(const Renaming&) = delete;
-
- private:
-  void Set(bool renaming) {
-    const MutexLock guard(files_.mutex_);
-    files_.renaming_ = renaming;
-    ++files_.closed_;
-  }
-
-  Private& files_;
-};
 
 // A file that is about to lose a name. What is on its way under that name must have arrived before:
 // afterwards the name may be another file's.
@@ -321,7 +306,7 @@ Status FileSystem::Private::Rename(const std::string& from, const std::string& t
   // One at a time: two that hold one file each could wait for the other's.
   Turn::Holder turn(names_);
   if (const int error = turn.Take(&turn)) return {error, what};
-  const Renaming renaming(*this);
+  Outdate();
   std::shared_ptr<Node> node;
   std::shared_ptr<Node> replaced;
   if (const int error = FindOpen(from, &node)) return {error, what};
@@ -355,7 +340,7 @@ Status FileSystem::Private::Remove(const std::string& name) {
   const std::string what = "removal of '" + name + "'";
   Turn::Holder turn(names_);
   if (const int error = turn.Take(&turn)) return {error, what};
-  const Renaming renaming(*this);
+  Outdate();
   std::shared_ptr<Node> node;
   if (const int error = FindOpen(name, &node)) return {error, what};
   Losing losing(*this, std::move(node), name);

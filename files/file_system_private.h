@@ -50,7 +50,8 @@ struct FileSystem::Private {
       VESK_REQUIRES(mutex_);
   std::shared_ptr<Node> Attach(const std::string& name, const FileInfo& info,
                                std::uint64_t looked_at);
-  std::uint64_t ClosedSoFar() const;
+  std::uint64_t OutdatedSoFar() const;
+  void Outdate();
   int FindOpen(const std::string& name, std::shared_ptr<Node>* node);
   int OtherName(const Node& node, const std::string& gone, std::string* other);
   void Drop(const Node& node) VESK_REQUIRES(mutex_);
@@ -58,15 +59,13 @@ struct FileSystem::Private {
   bool NothingInFlight() const;
 
   class Losing;
-  class Renaming;
 
   Turn names_;  // of Rename and Remove; taken before a file's
   mutable Mutex mutex_;
   std::vector<std::shared_ptr<Node>> nodes_ VESK_GUARDED_BY(mutex_);
-  bool renaming_ VESK_GUARDED_BY(mutex_) = false;
   // Times that what a Stat has told may have become wrong: a written file has left the table, or
-  // names have changed.
-  std::uint64_t closed_ VESK_GUARDED_BY(mutex_) = 0;
+  // names began to change.
+  std::uint64_t outdated_ VESK_GUARDED_BY(mutex_) = 0;
   std::unique_ptr<Ticker> ticker_;  // last: it uses all of the others
 };
 

@@ -721,10 +721,11 @@ Outcome Node::Drain(WriteFailures::Seen* seen) {
   ListJobs(false, &jobs);
   AwaitJobs(jobs, before);
   const int limit = RequestScope::Exceeded(services_.clock);
-  const int news = core_.failures.TakeNews(seen);
   if (core_.broken) return {EIO, false};
-  if (news != 0) return {news, true};
-  if (core_.failures.count() != before) return {core_.failures.last_error(), true};
+  if (core_.failures.count() != before) {
+    (void)core_.failures.TakeNews(seen);
+    return {core_.failures.last_error(), true};
+  }
   for (VeskJob* const job : jobs.jobs()) {
     if (job->GetJobState() != JOB_STATE_DONE) return {limit, false};
     if (Failed(job->GetReturnValue())) return {job->GetReturnValue(), true};

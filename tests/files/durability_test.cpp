@@ -164,6 +164,7 @@ TEST_P(DurabilityTest, SyncAllPassesOverARemovedFileThatSomebodyHasOpen) {
   World::Write(world_.Open("b"), "two", 0);
   const Status status = world_.files().SyncAll();
   EXPECT_TRUE(status.ok()) << status.Message();
+  EXPECT_EQ(status.context(), "");
   EXPECT_EQ(world_.Stored("b"), "two");
   EXPECT_EQ(removed.Sync().error(), ESTALE);
 }
@@ -719,6 +720,25 @@ TEST_F(KeptWriteTest, ADiscardIsForgottenWithARename) {
   EXPECT_TRUE(FileWorld::Await([&] { return next.Close().ok(); }));
   EXPECT_EQ(world_.Stored("a"), "next");
   EXPECT_EQ(world_.Stored("b"), "renamed");
+}
+
+// They have ended badly, and were not given up: the file goes on.
+TEST(ParkedWriteTest, ASyncIsNotOverBecauseARemovalThatFailsHasEndedItsWrites) {
+  ManualClock clock;  // it stands still: no write is tried again by itself
+  FileWorld world(FileWorld::Kind::kMemory, clock);
+  FileHandle& file = world.Open("a");
+  FileWorld::Write(file, "bytes", 0);
+  world.script.Fail({vesk::kFaultWrite}, EIO);
+  EXPECT_EQ(file.Sync().error(), EIO);
+  Task syncing([&] { EXPECT_EQ(file.Sync().error(), EIO); });
+  clock.AwaitWaiters(2);  // this one, and the parked write
+  world.script.Fail({vesk::kFaultRemove}, EACCES, 1);
+  EXPECT_EQ(world.files().Remove("a").error(), EACCES);
+  EXPECT_TRUE(syncing.Await());
+  EXPECT_EQ(FileWorld::Read(file, 0, 9), "bytes");
+  world.script.Heal();
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(world.Stored("a"), "bytes");
 }
 
 // Parked and held writes go by name: none may arrive in a file that has the name later.

@@ -866,6 +866,20 @@ TEST_F(LimitsTest, SyncAndCloseEndInTimeAndNothingIsLost) {
   EXPECT_EQ(file.Sync().error(), EBADF);
 }
 
+TEST_F(LimitsTest, ASyncIsNotOverWhenItsFirstWriteIs) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Hold({vesk::kFaultWrite, "a"});
+  FileWorld::Write(file, std::string(3 * kBlock, 'x'), 0);
+  EXPECT_TRUE(file.Flush().ok());
+  world_.script.AwaitHeld(3);
+  for (unsigned left = 3; left > 0; --left) {
+    const RequestScope scope(world_.In(milliseconds(10)));
+    EXPECT_EQ(file.Sync().error(), ETIMEDOUT) << left;
+    world_.script.EndOne(0, 0);
+  }
+  EXPECT_TRUE(file.Sync().ok());
+}
+
 TEST_F(LimitsTest, AFlushWaitsForNothing) {
   FileHandle& file = world_.Open("a");
   FileWorld::Write(file, "bytes", 10);

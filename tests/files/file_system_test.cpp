@@ -190,6 +190,18 @@ TEST_F(FileSystemTest, AnOpenThatMeetsARenameFindsTheFileThatHasTheNameAfterward
   }
 }
 
+TEST_F(FileSystemTest, AnOpenThatMeetsAFileThatNobodyHasWrittenLooksOnce) {
+  world_.Put("a", "bytes");
+  world_.Put("b", "bytes");
+  world_.script.Hold({vesk::kFaultOpen, "a"}, 1);
+  Task opening([&] { EXPECT_TRUE(TryOpen("a", {}).ok()); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(TryOpen("b", {}).ok());
+  world_.script.Heal();
+  EXPECT_TRUE(opening.Await());
+  EXPECT_EQ(world_.script.Count(vesk::kFaultOpen), 2u);
+}
+
 // It looks once more: the file is there now, since it has made it.
 TEST_F(FileSystemTest, AnOpenThatMakesItsFileAndMeetsACloseHasMadeIt) {
   world_.script.Hold({vesk::kFaultOpen, "new"}, 1);
@@ -352,6 +364,8 @@ TEST_F(LinksTest, ARemovedFileDoesNotGoOnAsAnotherOneThatHasGotItsOtherName) {
 TEST_F(LinksTest, ARemovedFileIsStaleWhenItsOtherNameHasGoneAsWell) {
   FileHandle& file = disk_.Open(directory_ / "a");
   disk_.Open(directory_ / "link");
+  World::Write(file, "given up", 0);
+  disk_.script.Fail({vesk::kFaultWrite}, ENOSPC);
   std::filesystem::remove(directory_ / "link");
   const Status removed = disk_.files().Remove(directory_ / "a");
   EXPECT_TRUE(removed.ok()) << removed.Message();
@@ -360,9 +374,11 @@ TEST_F(LinksTest, ARemovedFileIsStaleWhenItsOtherNameHasGoneAsWell) {
 
 TEST_F(LinksTest, AFileThatLosesAnotherNameKeepsItsOwn) {
   Link("a", "m");
+  Link("a", "z");
   FileHandle& file = disk_.Open(directory_ / "m");
   disk_.Open(directory_ / "link");
   disk_.Open(directory_ / "a");
+  disk_.Open(directory_ / "z");
   EXPECT_EQ(file.GetStats().name, directory_ / "m");
   EXPECT_TRUE(disk_.files().Remove(directory_ / "a").ok());
   EXPECT_EQ(file.GetStats().name, directory_ / "m");
@@ -401,34 +417,43 @@ TEST_F(LinksTest, AFileThatGoesOnLosesNoNameBeforeItIsStored) {
   EXPECT_TRUE(World::Await([&] { return file.Sync().ok(); }));
 }
 
-TEST_F(LinksTest, ARemovalWithoutMemoryLeavesTheOtherNameOrTakesTheFileOutOfService) {
+// Whether it is removed or replaced by a file that nobody has open.
+TEST_F(LinksTest, AFileGoesOnWithItsOtherNameOrOutOfServiceWithoutMemory) {
   const std::string name = directory_ / "a";
-  unsigned out_of_service = 0;
-  bool fired = true;
-  for (long nth = 1; fired; ++nth) {
-    SCOPED_TRACE(nth);
-    if (disk_.Stored(name) == "(no file)") Link("link", "a");
-    FileHandle& file = disk_.Open(name);
-    disk_.Open(directory_ / "link");
-    Status status;
-    {
-      const FailingAllocation failing(nth);
-      status = disk_.files().Remove(name);
-      fired = failing.Fired();
+  const std::string successor = directory_ / "successor";
+  for (const bool replace : {false, true}) {
+    unsigned out_of_service = 0;
+    bool fired = true;
+    for (long nth = 1; fired; ++nth) {
+      SCOPED_TRACE(nth);
+      std::filesystem::remove(name);
+      Link("link", "a");
+      disk_.Put(successor, "next");
+      FileHandle& file = disk_.Open(name);
+      disk_.Open(directory_ / "link");
+      Status status;
+      {
+        const FailingAllocation failing(nth);
+        status = replace ? disk_.files().Rename(successor, name) : disk_.files().Remove(name);
+        fired = failing.Fired();
+      }
+      EXPECT_TRUE(status.ok() || status.error() == ENOMEM) << status.Message();
+      const std::string stored = disk_.Stored(name);
+      const bool done = stored == "(no file)" || stored == "next";
+      if (file.Broken()) {
+        ++out_of_service;
+        EXPECT_TRUE(done);
+        EXPECT_FALSE(status.ok());
+      } else {
+        World::Write(file, "BYTES", 0);
+        EXPECT_TRUE(file.Sync().ok());
+        EXPECT_EQ(disk_.Stored(directory_ / "link"), "BYTES");
+        EXPECT_EQ(disk_.Stored(name), done ? stored : "BYTES");
+      }
+      disk_.CloseAll();
     }
-    EXPECT_TRUE(status.ok() || status.error() == ENOMEM) << status.Message();
-    if (file.Broken()) {
-      ++out_of_service;
-      EXPECT_EQ(disk_.Stored(name), "(no file)");
-      EXPECT_FALSE(status.ok());
-    } else {
-      World::Write(file, "BYTES", 0);
-      EXPECT_TRUE(file.Sync().ok());
-      EXPECT_EQ(disk_.Stored(directory_ / "link"), "BYTES");
-    }
-    disk_.CloseAll();
+    EXPECT_GE(out_of_service, 1u);
   }
-  EXPECT_GE(out_of_service, 1u);
 }
 
 // ---- all files ----

@@ -275,6 +275,7 @@ TEST_F(OvertakingTest, AWriterTakesTheTurnWhenOthersFetchItsBlockAgainAndAgain) 
   EXPECT_EQ(file_->GetStats().turns, 1u);
   EXPECT_EQ(file_->GetStats().repeats, kMostRepeats);
   EXPECT_EQ(files_->GetStats().repeats, kMostRepeats);
+  EXPECT_EQ(files_->GetStats().turns, 1u);
 }
 
 // A reader who has fetched a page finds it, whatever others advise meanwhile.
