@@ -826,7 +826,6 @@ int Node::Resize(std::uint64_t size) {
     VeskJob::RefCountDec(job);
     return result;
   }
-  core_.suspicious = true;
   const MutexLock guard(mutex_);
   resize_ = job;
   resizing_ = true;
@@ -908,7 +907,6 @@ void Node::SetRemoved() {
   removed_ = true;
   if (services_.reaper != nullptr) services_.reaper->Remove(*this);  // its name may be another's
   GiveUpUnsaved();  // nothing is in flight, and no memory is needed
-  core_.failures.Clear();
 }
 
 // ---- the runtime's calls ----
@@ -990,7 +988,7 @@ void Node::Learn(int error, Sight& sight, bool was_suspicious) {
   }
   if (error != 0) {
     freshness_ = Freshness::kUnknown;
-    if (options_.when_unknown == UnknownPolicy::kServe) RenewAll();
+    RenewAll();
     return;
   }
   const bool changed = IsChanged(sight);

@@ -54,11 +54,6 @@ void WriteFailures::Succeeded(std::uint64_t offset) {
   failing_.erase(offset);
 }
 
-void WriteFailures::Clear() {
-  const MutexLock guard(mutex_);
-  failing_.clear();
-}
-
 void WriteFailures::Note(int error) {
   const MutexLock guard(mutex_);
   Raise(error);

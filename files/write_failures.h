@@ -50,7 +50,6 @@ class WriteFailures {
   // write was told before.
   void Ended(std::uint64_t offset, int error);
   void Succeeded(std::uint64_t offset);
-  void Clear();  // nothing fails any more
 
   // A failure that belongs to no block: a sync's.
   void Note(int error);
@@ -62,7 +61,6 @@ class WriteFailures {
 
   // The latest error that `seen` has not been told of, which it is now; 0: none.
   int TakeNews(Seen* seen) const;
-  bool HasNews(const Seen& seen) const { return count_.load() != seen.load(); }
   std::uint64_t count() const { return count_.load(); }
 
   int last_error() const { return last_error_.load(std::memory_order_relaxed); }

@@ -275,6 +275,91 @@ TEST_F(FreshnessTest, OwnUnsavedBytesOutliveAForeignChange) {
   EXPECT_EQ(world_.Stored("a"), expected);
 }
 
+// They are not on their way, so that size and time of the store's file tell of others alone.
+TEST_F(FreshnessTest, UnsavedBytesBehindTheEndOfAFileThatBecameShorterAreKept) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  World::Write(file, "far", 700);
+  world_.Put("a", new_.substr(0, 100));
+  Pass();
+  const std::string expected = new_.substr(0, 100) + std::string(600, '\0') + "far";
+  EXPECT_EQ(World::Read(file, 0, 1000), expected);
+  EXPECT_EQ(file.Size(), 703u);
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(world_.Stored("a"), expected);
+}
+
+TEST_F(FreshnessTest, AnotherFileInItsPlaceIsNoticedBesideOwnWrites) {
+  std::atomic<ino_t> number{7};
+  std::atomic<dev_t> device{1};
+  world_.script.Describe([&](const std::string& /*name*/, vesk::FileInfo& info) {
+    info.inode = number;
+    info.device = device;
+  });
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "own", 0);
+  world_.script.Hold({vesk::kFaultWrite});
+  EXPECT_TRUE(file.Flush().ok());
+  for (const bool moved : {false, true}) {
+    moved ? ++device : ++number;
+    Pass();
+    EXPECT_EQ(World::Read(file, 0, 3), "own");
+    EXPECT_EQ(file.GetStats().freshness, Freshness::kChanged) << moved;
+    Pass();
+    EXPECT_EQ(World::Read(file, 0, 3), "own");
+    EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown) << moved;
+  }
+  world_.script.Heal();
+}
+
+TEST_F(FreshnessTest, AChangeOfTheLengthAloneIsNoticed) {
+  world_.script.Describe(
+      [](const std::string& /*name*/, vesk::FileInfo& info) { info.modified_ns = 0; });
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.Put("a", new_ + "longer");
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 600), new_ + "longer");
+}
+
+TEST_F(FreshnessTest, AFileThatComesBackIsReadAnewThoughItLooksAsBefore) {
+  world_.script.Describe([](const std::string& /*name*/, vesk::FileInfo& info) {
+    info.modified_ns = 0;
+    info.inode = 7;
+  });
+  FileHandle& file = world_.Open("a");
+  Pass(kInterval * 2 / 3);
+  EXPECT_EQ(World::Read(file, 0, 600), old_);  // which is not old when the file is looked at
+  ASSERT_TRUE(world_.RemoveStored("a"));
+  Pass(kInterval / 2);
+  World::Read(file, 0, 600, ESTALE);
+  world_.Put("a", new_);
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+}
+
+TEST_F(FreshnessTest, AStoreThatCannotTellIsAskedOnceInAnInterval) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Fail({vesk::kFaultStat}, EIO);
+  for (int i = 0; i < 3; ++i) {
+    const std::uint64_t stats = Stats();
+    Pass();
+    EXPECT_EQ(World::Read(file, 0, 600), old_);
+    EXPECT_EQ(World::Read(file, 0, 600), old_);
+    EXPECT_EQ(Stats(), stats + 1);
+  }
+}
+
+TEST_F(FreshnessTest, ADoubtThatWasResolvedIsNoReasonToAskAgain) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Fail({vesk::kFaultTruncate}, EPERM, 1);
+  EXPECT_EQ(file.Truncate(100).error(), EPERM);
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  const std::uint64_t stats = Stats();
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  EXPECT_EQ(Stats(), stats);
+}
+
 // Own bytes explain another time of change, not bytes behind all that was written here.
 TEST_F(FreshnessTest, AFileThatAnotherWriterMadeLongerIsSeenSoBesideOwnWrites) {
   FileHandle& file = world_.Open("a");
@@ -690,6 +775,13 @@ class LookTest : public ::testing::Test {
 
   static void Pass() { ahead += kInterval + 2; }
 
+  // A request that needs to know what the file is, and nothing else.
+  static void Ask(FileHandle& file) {
+    char byte = 'x';
+    std::size_t moved = 0;
+    (void)file.ReadAt(&byte, 0, 0, &moved);
+  }
+
   static constexpr int kInterval = 100;
   const std::string old_ = FileWorld::Content(500);
   const std::string new_ = FileWorld::Content(500, 1);
@@ -708,10 +800,11 @@ TEST_F(LookTest, WhoNeedsToKnowWaitsWhileAnotherRequestLooks) {
   Task other([&] { EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100)); });
   clock_.AwaitWaiters(2);
   EXPECT_FALSE(other.Ended());
-  EXPECT_EQ(world_.script.held(), 1u) << "the store is asked once";
+  const std::uint64_t stats = world_.script.Count(vesk::kFaultStat);
   world_.script.Heal();
   EXPECT_TRUE(looking.Await());
   EXPECT_TRUE(other.Await());
+  EXPECT_EQ(world_.script.Count(vesk::kFaultStat), stats) << "the store is asked once";
 }
 
 // Nobody knows anything before the one who looks does; that others are called off tells nothing.
@@ -792,12 +885,100 @@ TEST_F(LookTest, ALookThatMeetsATruncateDoesNotBringTheOldLengthBack) {
   world_.script.AwaitHeld(1);
   world_.Put("a", new_);
   Pass();
-  Task looking([&] { EXPECT_EQ(World::Read(file, 0, 600), new_.substr(0, 100)); });
+  Task looking([&] { Ask(file); });
   clock_.AwaitWaiters(2);  // it has seen the change, and waits for the turn
   world_.script.Heal();
   EXPECT_TRUE(cutting.Await());
   EXPECT_TRUE(looking.Await());
   EXPECT_EQ(file.Size(), 100u);
+  EXPECT_EQ(World::Read(file, 0, 600), new_.substr(0, 100));
+}
+
+TEST_F(LookTest, ALookThatCannotHaveTheFileIsTakenUpByTheNextRequest) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultTruncate});
+  Task cutting([&] { EXPECT_TRUE(file.Truncate(500).ok()); });
+  world_.script.AwaitHeld(1);
+  world_.Put("a", new_);
+  Pass();
+  Task looking([&] { Ask(file); });
+  clock_.AwaitWaiters(2);
+  looking.Cancel();
+  EXPECT_TRUE(looking.Await());
+  world_.script.Heal();
+  EXPECT_TRUE(cutting.Await());
+  const std::uint64_t stats = world_.script.Count(vesk::kFaultStat);
+  EXPECT_EQ(World::Read(file, 0, 600), new_);
+  EXPECT_GT(world_.script.Count(vesk::kFaultStat), stats);
+}
+
+// The first look does not hold, since bytes of ours are on their way; the second one fails.
+TEST_F(LookTest, ALookThatFailsHalfwayIsTakenUpByTheNextRequest) {
+  std::atomic<ino_t> number{7};
+  world_.script.Describe(
+      [&](const std::string& /*name*/, vesk::FileInfo& info) { info.inode = number; });
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "own", 0);
+  world_.script.Hold({vesk::kFaultWrite});
+  EXPECT_TRUE(file.Flush().ok());
+  number = 8;
+  Pass();
+  world_.script.Hold({vesk::kFaultStat}, 1);
+  world_.script.Fail({vesk::kFaultStat}, EIO, 1);
+  Task looking([&] { Ask(file); });
+  world_.script.AwaitHeld(2);
+  world_.script.EndOne(1, 0);
+  EXPECT_TRUE(looking.Await());
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown) << "it is not known yet";
+  const std::uint64_t stats = world_.script.Count(vesk::kFaultStat);
+  Ask(file);
+  EXPECT_GT(world_.script.Count(vesk::kFaultStat), stats);
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kChanged);
+  world_.script.Heal();
+}
+
+// What of ours arrives while the store is asked is in its answer, or not.
+TEST_F(LookTest, OwnBytesThatArriveDuringALookAreNotTakenForAForeignChange) {
+  for (const bool told : {false, true}) {
+    world_.Put("a", old_);
+    FileHandle& file = world_.Open("a");
+    Pass();
+    world_.script.Hold({vesk::kFaultStat}, 1);
+    Task looking([&] { Ask(file); });
+    world_.script.AwaitHeld(1);
+    if (!told) world_.script.HoldEnds({vesk::kFaultWrite});
+    World::Write(file, "far", 700);
+    EXPECT_TRUE(file.Flush().ok());
+    EXPECT_TRUE(World::Await([&] { return (file.GetStats().dirty == 0) == told; }));
+    EXPECT_EQ(world_.Stored("a").size(), 703u);
+    world_.script.EndOne(0, 0);
+    EXPECT_TRUE(looking.Await());
+    EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown) << told;
+    world_.script.Heal();
+    EXPECT_TRUE(file.Close().ok());
+  }
+}
+
+// A writer that has passed the first look at the file waits for its turn.
+TEST_F(LookTest, AWriterWhoComesAfterATruncateIsNotCutByIt) {
+  FileHandle& file = world_.Open("a");
+  world_.script.Hold({vesk::kFaultTruncate});
+  Task cutting([&] { EXPECT_EQ(file.Truncate(100).error(), ECANCELED); });
+  world_.script.AwaitHeld(1);
+  Task writing([&] {
+    World::Write(file, "after", 300);
+    EXPECT_TRUE(file.Sync().ok());
+  });
+  clock_.AwaitWaiters(2);
+  const unsigned waits = clock_.waits;
+  cutting.Cancel();
+  EXPECT_TRUE(cutting.Await());
+  EXPECT_TRUE(World::Await([&] { return clock_.waits > waits || writing.Ended(); }));
+  EXPECT_FALSE(writing.Ended());
+  world_.script.Heal();
+  EXPECT_TRUE(writing.Await());
+  EXPECT_EQ(world_.Stored("a"), old_.substr(0, 100) + std::string(200, '\0') + "after");
 }
 
 // The first look does not hold, since bytes of ours are on their way, and the second one is by the

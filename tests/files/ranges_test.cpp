@@ -215,6 +215,15 @@ TEST_F(RangesTest, TruncateReachesEveryRange) {
   }
 }
 
+TEST_F(RangesTest, ATruncateKeepsWhatItLeaves) {
+  FileHandle& file = Begin(40);
+  ReadPages(file, 0, 40);
+  const std::uint64_t reads = world_.script.Count(vesk::kFaultRead);
+  EXPECT_TRUE(file.Truncate(30 * kPage).ok());
+  ReadPages(file, 0, 30);
+  EXPECT_LE(world_.script.Count(vesk::kFaultRead), reads + 1) << "but for the last block";
+}
+
 // The other file's reads take its memory while the store cuts it, or fails to.
 TEST_F(RangesTest, ATruncateThatMeetsRangesThatAreGoneByThen) {
   world_.options.memory = 64 * kPage;
@@ -333,6 +342,31 @@ TEST_F(RangesTest, ReadersAtDifferentPlacesDoNotShareALock) {
     EXPECT_TRUE(first.Await());
   }
   vesk::gEnv->logger = usual;
+}
+
+// The writer is kept inside its range, with bytes that nobody knows of yet.
+TEST_F(RangesTest, ATruncateWaitsForAWriterWhoHasBegun) {
+  FileHandle& file = Begin(10);
+  StoppingLogger logger;
+  vesk::VeskLogger* const usual = std::exchange(vesk::gEnv->logger, &logger);
+  {
+    Task writer([&] {
+      StoppingLogger::stops = true;
+      FileWorld::Write(file, "begun", std::uint64_t{8} * kPage);
+      StoppingLogger::stops = false;
+    });
+    EXPECT_TRUE(logger.AwaitStopped());
+    Task cutting([&] { EXPECT_TRUE(file.Truncate(5 * kPage).ok()); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(cutting.Ended());
+    EXPECT_EQ(world_.script.Count(vesk::kFaultTruncate), 0u);
+    logger.GoOn();
+    EXPECT_TRUE(writer.Await());
+    EXPECT_TRUE(cutting.Await());
+  }
+  vesk::gEnv->logger = usual;
+  content_.resize(5 * kPage);
+  ExpectWhole(file);
 }
 
 // The writer is kept where the first block leaves its range for the new one.

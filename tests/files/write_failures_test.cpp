@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "runtime/request.h"
+#include "tests/support/allocation.h"
 #include "tests/support/manual_clock.h"
 #include "tests/support/task.h"
 
@@ -34,14 +36,11 @@ class WriteFailuresTest : public ::testing::Test {
 TEST_F(WriteFailuresTest, EachHandleIsToldOnce) {
   Seen first{failures_.count()};
   Seen second{failures_.count()};
-  EXPECT_FALSE(failures_.HasNews(first));
   EXPECT_EQ(failures_.TakeNews(&first), 0);
   Tell(0, EIO);
-  EXPECT_TRUE(failures_.HasNews(first));
   EXPECT_EQ(failures_.TakeNews(&first), EIO);
   EXPECT_EQ(failures_.TakeNews(&first), 0);
-  EXPECT_TRUE(failures_.HasNews(second)) << "whatever the other was told";
-  EXPECT_EQ(failures_.TakeNews(&second), EIO);
+  EXPECT_EQ(failures_.TakeNews(&second), EIO) << "whatever the other was told";
   Seen late{failures_.count()};
   EXPECT_EQ(failures_.TakeNews(&late), 0) << "it was opened afterwards";
   Tell(0, ENOSPC);
@@ -164,6 +163,33 @@ TEST_F(WriteFailuresTest, AWatchWakesEverybodyWhoSleeps) {
   Tell(0, EIO);
   EXPECT_TRUE(first.Await());
   EXPECT_TRUE(second.Await());
+}
+
+TEST_F(WriteFailuresTest, AWatchThatEndsLeavesTheLaterOnes) {
+  vesk::Mutex mutex;
+  vesk::Condition condition;
+  std::optional<WriteFailures::Watch> earlier(failures_);
+  Task sleeper([&] {
+    const WriteFailures::Watch watch(failures_);
+    const vesk::WakeOnCancel wake(mutex, condition);
+    const vesk::MutexLock guard(mutex);
+    while (vesk::RequestScope::Wait(condition, mutex, clock_) == 0) {
+    }
+  });
+  clock_.AwaitWaiters(1);
+  earlier.reset();
+  EXPECT_FALSE(sleeper.Ended());
+  Tell(0, EIO);
+  EXPECT_TRUE(sleeper.Await());
+}
+
+TEST_F(WriteFailuresTest, AFailureForWhichThereIsNoMemoryIsTold) {
+  Seen seen{failures_.count()};
+  {
+    const FailingAllocation failing(1);
+    Tell(0, EIO);
+  }
+  EXPECT_EQ(failures_.TakeNews(&seen), EIO);
 }
 
 TEST_F(WriteFailuresTest, AWatchKeepsTheLimitsOfTheRequest) {
