@@ -722,6 +722,21 @@ TEST_F(KeptWriteTest, ADiscardIsForgottenWithARename) {
   EXPECT_EQ(world_.Stored("b"), "renamed");
 }
 
+TEST(HeldWriteTest, ASyncThatIsCalledOffIsNoSuccessThoughOneOfItsWritesHasEnded) {
+  ManualClock clock;
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry, clock);
+  FileHandle& file = world.Open("a");
+  world.script.Hold({vesk::kFaultWrite});
+  FileWorld::Write(file, std::string(3 * kBlock, 'x'), 0);
+  Task syncing([&] { EXPECT_EQ(file.Sync().error(), ECANCELED); });
+  world.script.AwaitHeld(3);
+  clock.AwaitWaiters(1);
+  world.script.EndOne(0, 0);
+  syncing.Cancel();
+  EXPECT_TRUE(syncing.Await());
+  world.script.Heal();
+}
+
 // They have ended badly, and were not given up: the file goes on.
 TEST(ParkedWriteTest, ASyncIsNotOverBecauseARemovalThatFailsHasEndedItsWrites) {
   ManualClock clock;  // it stands still: no write is tried again by itself

@@ -190,6 +190,20 @@ TEST_F(FileSystemTest, AnOpenThatMeetsARenameFindsTheFileThatHasTheNameAfterward
   }
 }
 
+TEST_F(FileSystemTest, AnOpenThatMeetsARemovalFindsTheFileThatHasTheNameAfterwards) {
+  world_.Put("a", "old");
+  world_.script.Hold({vesk::kFaultOpen, "a"}, 1);
+  std::unique_ptr<FileHandle> file;
+  Task opening([&] { EXPECT_TRUE(world_.files().Open("a", {}, &file).ok()); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(world_.files().Remove("a").ok());
+  world_.Put("a", "longer bytes");
+  world_.script.Heal();
+  EXPECT_TRUE(opening.Await());
+  EXPECT_EQ(file->Size(), 12u);
+  EXPECT_EQ(World::Read(*file, 0, 99), "longer bytes");
+}
+
 TEST_F(FileSystemTest, AnOpenThatMeetsAFileThatNobodyHasWrittenLooksOnce) {
   world_.Put("a", "bytes");
   world_.Put("b", "bytes");
@@ -225,16 +239,18 @@ TEST_F(FileSystemTest, ACloseLeavesOtherHandlesTheirFileAndItsCache) {
   EXPECT_TRUE(world_.Open("a").Close().ok());
   EXPECT_EQ(World::Read(file, 0, 2000), content);
   EXPECT_EQ(world_.script.Count(vesk::kFaultRead), reads);
-  World::Write(file, "new", 0);
-  for (const bool close : {false, true}) {
+}
+
+TEST_F(FileSystemTest, AHandleThatGoesLeavesOneHandleLessHoweverItGoes) {
+  for (const int closes : {0, 1, 2}) {
+    const std::string name = std::to_string(closes);
+    FileHandle& file = world_.Open(name);
     std::unique_ptr<FileHandle> other;
-    ASSERT_TRUE(world_.files().Open("a", World::Writing(), &other).ok());
-    for (int i = 0; i < 2 && close; ++i) EXPECT_TRUE(other->Close().ok());
+    ASSERT_TRUE(world_.files().Open(name, World::Writing(), &other).ok());
+    for (int i = 0; i < closes; ++i) EXPECT_TRUE(other->Close().ok());
     other.reset();
-    EXPECT_EQ(World::Read(world_.Open("a"), 0, 3), "new");
-    EXPECT_EQ(OpenFiles(), 1u);
-    World::Write(file, "new", 0);
-    EXPECT_TRUE(file.Sync().ok());
+    World::Write(file, "unsaved", 0);
+    EXPECT_EQ(World::Read(world_.Open(name), 0, 9), "unsaved") << "another file";
   }
 }
 
