@@ -601,6 +601,17 @@ TEST_F(KeptWriteTest, AWriteThatHasToWaitForTheFailingBlockIsToldAtOnce) {
   EXPECT_TRUE(FileWorld::Await([&] { return file.WriteAt("x", 1, 0).ok(); }));
 }
 
+TEST_F(KeptWriteTest, AnotherErrorDoesNotSwallowAFailedWrite) {
+  FileHandle& file = world_.Open("a");
+  FileHandle& other = world_.Open("a");
+  World::Write(file, "bytes", 0);
+  world_.script.Fail({vesk::kFaultWrite}, ENOSPC);
+  EXPECT_EQ(other.Sync().error(), ENOSPC);
+  EXPECT_EQ(file.Truncate(~std::uint64_t{0}).error(), EFBIG);
+  EXPECT_EQ(file.Flush().error(), ENOSPC);
+  world_.script.Heal();
+}
+
 TEST_F(KeptWriteTest, WhoRunsIntoAFailedWriteHasBeenToldOfIt) {
   FileHandle& file = world_.Open("a");
   FileHandle& other = world_.Open("a");
