@@ -291,7 +291,7 @@ void Range::LeaveAccounts() {
   core_.in_flight -= old.in_flight;
   core_.written -= old.written;
   core_.dirty_limit.Sub(old.dirty);
-  core_.memory.Release(old.cached);
+  if (old.cached > 0) core_.memory.Release(old.cached);  // which wakes whoever waits for memory
   if (old.IsActive()) owner_.SetActive(*this, false);
 }
 
