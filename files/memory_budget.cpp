@@ -16,7 +16,6 @@ constexpr Clock::Duration kAgain = std::chrono::milliseconds(100);
 }  // namespace
 
 int MemoryBudget::Reservation::Reserve(std::uint64_t bytes) {
-  if (bytes <= bytes_) return 0;
   if (TryReserve(bytes)) return 0;
   Reset();  // two that wait for more while they hold some could wait for each other
   const int error = budget_.Take(bytes);
@@ -46,7 +45,7 @@ void MemoryBudget::Reservation::TakeUpTo(std::uint64_t bytes) {
 void MemoryBudget::Reservation::Use(std::uint64_t bytes) {
   const std::uint64_t covered = std::min(bytes, bytes_);
   bytes_ -= covered;
-  if (bytes > covered) budget_.NotePeak(budget_.used_.fetch_add(bytes - covered) + bytes - covered);
+  budget_.NotePeak(budget_.used_.fetch_add(bytes - covered) + bytes - covered);
 }
 
 void MemoryBudget::Reservation::Reset() {
@@ -110,7 +109,6 @@ bool MemoryBudget::TryTake(std::uint64_t bytes) {
 
 int MemoryBudget::Take(std::uint64_t bytes) {
   if (bytes > limit_) return ENOMEM;
-  if (TryTake(bytes)) return 0;
   const WakeOnCancel wake(mutex_, changed_);
   MutexLock guard(mutex_);
   Waiting self;
@@ -137,7 +135,7 @@ int MemoryBudget::Take(std::uint64_t bytes) {
       const bool freed = EvictFor(bytes, &own);
       if (!freed && on_short_) on_short_();
       guard.Lock();
-      if (freed || changes_ != changes + own) {
+      if (changes_ != changes + own) {
         error = RequestScope::Exceeded(clock_);
         continue;
       }
