@@ -56,11 +56,9 @@ bool DirtyLimit::Take(std::uint64_t bytes, std::uint64_t limit) {
 }
 
 Clock::Duration DirtyLimit::Pause(std::uint64_t total) const {
-  if (total <= soft_) return {};
-  const double share =
-      static_cast<double>(total - soft_) /
-      static_cast<double>(std::max<std::uint64_t>(hard_ > soft_ ? hard_ - soft_ : 1, 1));
-  return std::chrono::duration_cast<Clock::Duration>(kLongestPause * std::min(share, 1.0));
+  const double above = static_cast<double>(std::clamp(total, soft_, hard_) - soft_);
+  const double share = above / static_cast<double>(std::max<std::uint64_t>(hard_ - soft_, 1));
+  return std::chrono::duration_cast<Clock::Duration>(kLongestPause * share);
 }
 
 int DirtyLimit::Wait(std::uint64_t bytes) {

@@ -46,6 +46,7 @@ class DirtyLimit {
     std::uint64_t bytes_ = 0;
   };
 
+  //   Before   soft is not above hard
   DirtyLimit(std::uint64_t soft, std::uint64_t hard, Clock& clock)
       : soft_(soft), hard_(hard), clock_(clock) {}
 
