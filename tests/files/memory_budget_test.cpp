@@ -4,11 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -45,8 +49,15 @@ class Holder final : public MemoryBudget::Source {
   }
   // Its newest block is used once more.
   void Use() { stamps_.back() = budget_.Stamp() + 1; }
+  // Takes all blocks over; some may have been used before those that it has.
+  void TakeOver(Holder& other) {
+    stamps_.insert(stamps_.begin(), other.stamps_.begin(), other.stamps_.end());
+    other.stamps_.clear();
+    budget_.Lower(*this, stamps_.front());
+  }
   std::size_t size() const { return stamps_.size(); }
 
+  std::function<void()> when_asked;  // called while it is asked
   std::atomic<bool> busy{false};
   unsigned busy_for = 0;           // times that it is asked in vain
   std::atomic<unsigned> asked{0};  // times that it had to evict
@@ -55,6 +66,7 @@ class Holder final : public MemoryBudget::Source {
   Left Evict(std::uint64_t bytes, std::uint64_t newest) override {
     Left left;
     ++asked;
+    if (when_asked) when_asked();
     if (busy) return left;
     if (busy_for > 0) {
       --busy_for;
@@ -103,6 +115,55 @@ TEST_F(MemoryBudgetTest, WhatIsReservedIsGivenBackUnlessItIsUsed) {
   EXPECT_EQ(budget_.peak(), 10u);
   budget_.Release(2);
   EXPECT_EQ(budget_.used(), 0u);
+  {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(1), 0);
+    EXPECT_EQ(budget_.used(), 1u);
+  }
+  EXPECT_EQ(budget_.used(), 0u);
+  EXPECT_EQ(budget_.peak(), 10u) << "it is the most that there was";
+}
+
+// It must not happen; if it does, it is to be seen.
+TEST_F(MemoryBudgetTest, WhatIsUsedBeyondAReservationCounts) {
+  Reservation other(budget_);
+  ASSERT_EQ(other.Reserve(7), 0);
+  Reservation memory(budget_);
+  ASSERT_EQ(memory.Reserve(2), 0);
+  memory.Use(5);
+  EXPECT_EQ(memory.bytes(), 0u);
+  EXPECT_EQ(budget_.used(), 12u);
+  EXPECT_EQ(budget_.peak(), 12u);
+  budget_.Release(5);
+}
+
+TEST_F(MemoryBudgetTest, WhatIsHeldAlreadyIsThereWhoeverWaits) {
+  Reservation mine(budget_);
+  ASSERT_EQ(mine.Reserve(9), 0);
+  Task waiter([&] {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(5), 0);
+  });
+  clock_.AwaitWaiters(1);
+  EXPECT_TRUE(mine.TryReserve(9));
+  EXPECT_EQ(mine.Reserve(8), 0);
+  EXPECT_EQ(mine.bytes(), 9u);
+  mine.Reset();
+  EXPECT_TRUE(waiter.Await());
+}
+
+TEST_F(MemoryBudgetTest, ThePeakIsNotedForThoseWhoHaveWaitedToo) {
+  Reservation mine(budget_);
+  ASSERT_EQ(mine.Reserve(6), 0);
+  Task waiter([&] {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(10), 0);
+  });
+  clock_.AwaitWaiters(1);
+  EXPECT_EQ(budget_.peak(), 6u);
+  mine.Reset();
+  EXPECT_TRUE(waiter.Await());
+  EXPECT_EQ(budget_.peak(), 10u);
 }
 
 TEST_F(MemoryBudgetTest, MoreThanThereIsAtAllIsRefusedAtOnce) {
@@ -122,6 +183,62 @@ TEST_F(MemoryBudgetTest, TheOldestBlockOfAllSourcesGoesFirst) {
   EXPECT_EQ(memory.Reserve(6), 0);
   EXPECT_EQ(evicted_, (std::vector<std::string>{"a", "b", "b", "c", "a", "c"}));
   EXPECT_EQ(budget_.used(), 10u);
+}
+
+// Which of two sources comes first is a matter of their blocks, not of the sources.
+TEST_F(MemoryBudgetTest, ANewSourceIsAskedAfterThoseWhoHaveOlderBlocks) {
+  std::array<std::optional<Holder>, 2> holders;
+  Holder& old = holders[1].emplace(budget_, "old", &evicted_);
+  for (unsigned i = 0; i < 10; ++i) old.Make();
+  Holder& empty = holders[0].emplace(budget_, "empty", &evicted_);
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(3), 0);
+  EXPECT_EQ(empty.asked, 0u);
+}
+
+TEST_F(MemoryBudgetTest, BlocksMadeWhileMemoryIsShortGoInTheirOrder) {
+  std::array<std::optional<Holder>, 3> holders;
+  Holder& first = holders[2].emplace(budget_, "first", &evicted_);
+  for (unsigned i = 0; i < 10; ++i) first.Make();
+  Holder& second = holders[1].emplace(budget_, "second", &evicted_);
+  Holder& third = holders[0].emplace(budget_, "third", &evicted_);
+  second.Make();
+  third.Make();
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(9), 0);
+  EXPECT_EQ(first.size(), 0u);
+  EXPECT_EQ(second.size(), 0u);
+  EXPECT_EQ(third.size(), 1u);
+}
+
+TEST_F(MemoryBudgetTest, BlocksThatMoveToAnotherSourceKeepTheirPlace) {
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  for (unsigned i = 0; i < 2; ++i) a.Make();
+  for (unsigned i = 0; i < 8; ++i) b.Make();
+  Holder upper(budget_, "upper", &evicted_);
+  upper.TakeOver(a);
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(3), 0);
+  EXPECT_EQ(evicted_, (std::vector<std::string>{"upper", "upper", "b"}));
+}
+
+// While it is asked, when it had none: it is asked again before those whose blocks are newer.
+TEST_F(MemoryBudgetTest, BlocksThatMoveToASourceThatIsBeingAskedKeepTheirPlace) {
+  Holder upper(budget_, "upper", &evicted_);
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  for (unsigned i = 0; i < 2; ++i) a.Make();
+  for (unsigned i = 0; i < 8; ++i) b.Make();
+  upper.busy = true;
+  upper.when_asked = [&] {
+    if (a.size() > 0) upper.TakeOver(a);
+  };
+  Reservation memory(budget_);
+  memory.TakeUpTo(1);
+  EXPECT_EQ(memory.bytes(), 1u);
+  EXPECT_EQ(evicted_, (std::vector<std::string>{"b"})) << "it was busy";
+  EXPECT_EQ(upper.asked, 2u) << "it was not asked for the blocks that it got";
 }
 
 TEST_F(MemoryBudgetTest, ASourceThatIsBusyIsPassedOver) {
@@ -149,6 +266,108 @@ TEST_F(MemoryBudgetTest, ASourceThatIsBusyIsPutBehindTheBlockUsedLast) {
   Reservation memory(budget_);
   EXPECT_EQ(memory.Reserve(1), 0);
   EXPECT_EQ(a.asked, 1u);
+}
+
+// What it has may be older, but not than what was used after it was asked.
+TEST_F(MemoryBudgetTest, WhatIsUsedAfterASourceWasBusyGoesAfterItsBlocks) {
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  for (unsigned i = 0; i < 9; ++i) a.Make();
+  b.Make();
+  a.busy = true;
+  b.busy_for = 100;
+  Reservation memory(budget_);
+  memory.TakeUpTo(1);
+  EXPECT_EQ(memory.bytes(), 0u);
+  b.Use();
+  a.busy = false;
+  b.busy_for = 0;
+  memory.TakeUpTo(1);
+  EXPECT_EQ(evicted_, (std::vector<std::string>{"a"}));
+}
+
+TEST_F(MemoryBudgetTest, ASourceThatWasBusyIsNotLastForEver) {
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  for (unsigned i = 0; i < 4; ++i) a.Make();
+  for (unsigned i = 0; i < 6; ++i) b.Make();
+  a.busy = true;
+  {
+    Reservation memory(budget_);
+    EXPECT_EQ(memory.Reserve(5), 0);
+  }
+  for (unsigned i = 0; i < 5; ++i) b.Make();
+  a.busy = false;
+  evicted_.clear();
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(2), 0);
+  EXPECT_EQ(evicted_, (std::vector<std::string>{"b", "a"})) << "the others' blocks are newer";
+}
+
+TEST_F(MemoryBudgetTest, EverySourceIsAskedForWhatTheOthersHaveNot) {
+  Holder a(budget_, "a", &evicted_);
+  Holder b(budget_, "b", &evicted_);
+  Holder c(budget_, "c", &evicted_);
+  for (Holder* const holder : {&a, &b, &c}) {
+    for (unsigned i = 0; i < 3; ++i) holder->Make();
+  }
+  a.busy = b.busy = true;
+  Reservation memory(budget_);
+  memory.TakeUpTo(4);
+  EXPECT_EQ(memory.bytes(), 4u);
+  EXPECT_EQ(c.size(), 0u);
+}
+
+TEST_F(MemoryBudgetTest, ASourceThatHasNothingIsAskedThreeTimesAtMost) {
+  Holder holder(budget_, "a", &evicted_);
+  for (unsigned i = 0; i < 10; ++i) holder.Make();
+  holder.busy_for = 100;
+  Reservation memory(budget_);
+  memory.TakeUpTo(1);
+  EXPECT_EQ(memory.bytes(), 0u);
+  EXPECT_LE(holder.asked, 3u);
+}
+
+// Who removes it destroys it next.
+TEST_F(MemoryBudgetTest, ASourceIsRemovedWhenNobodyAsksItAnyMore) {
+  auto source = std::make_unique<Holder>(budget_, "a", &evicted_);
+  for (unsigned i = 0; i < 10; ++i) source->Make();
+  Holder other(budget_, "b", &evicted_);
+  std::atomic<bool> removed{false};
+  std::unique_ptr<Task> remover;
+  source->when_asked = [&] {
+    remover = std::make_unique<Task>([&] {
+      budget_.Remove(*source);
+      removed = true;
+    });
+    // Long enough for who does not wait at all.
+    for (unsigned i = 0; i < 20 && !removed; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_FALSE(removed) << "it is still being asked";
+  };
+  {
+    Reservation memory(budget_);
+    memory.TakeUpTo(4);
+    EXPECT_EQ(memory.bytes(), 4u);
+  }
+  ASSERT_TRUE(remover->Await()) << "nobody tells it that the source is free";
+  source->when_asked = nullptr;
+  const unsigned asked = source->asked;
+  Reservation memory(budget_);
+  memory.TakeUpTo(10);
+  EXPECT_EQ(source->asked, asked) << "it is asked though it was removed";
+  source.reset();
+}
+
+TEST_F(MemoryBudgetTest, NobodyIsToldThatMemoryIsShortWhereBlocksCanGo) {
+  Holder a(budget_, "a", &evicted_);
+  for (unsigned i = 0; i < 10; ++i) a.Make();
+  unsigned told = 0;
+  budget_.OnShort([&] { ++told; });
+  Reservation memory(budget_);
+  EXPECT_EQ(memory.Reserve(5), 0);
+  EXPECT_EQ(told, 0u);
 }
 
 TEST_F(MemoryBudgetTest, ASourceMayBeAskedInVainTwice) {
@@ -211,6 +430,14 @@ TEST_F(MemoryBudgetTest, TakeUpToTakesHalvesAndDoesNotWait) {
   memory.TakeUpTo(4);
   EXPECT_EQ(memory.bytes(), 7u);
   EXPECT_EQ(budget_.used(), 10u);
+}
+
+TEST_F(MemoryBudgetTest, TakeUpToTakesHalfWhereThatIsThere) {
+  Reservation mine(budget_);
+  ASSERT_EQ(mine.Reserve(5), 0);
+  Reservation memory(budget_);
+  memory.TakeUpTo(10);
+  EXPECT_EQ(memory.bytes(), 5u);
 }
 
 TEST_F(MemoryBudgetTest, WhereNothingCanGoRequestsWaitInTheOrderOfTheirComing) {
@@ -301,6 +528,24 @@ TEST_F(MemoryBudgetTest, WaitsEndWithTheDeadlineOrWhenTheyAreCalledOff) {
   mine.Reset();
   EXPECT_TRUE(last.Await()) << "those who gave up are in its way";
   EXPECT_EQ(budget_.used(), 0u);
+}
+
+TEST_F(MemoryBudgetTest, WhoGivesUpInTheMiddleOfTheQueueLeavesTheOthersInIt) {
+  Reservation mine(budget_);
+  ASSERT_EQ(mine.Reserve(10), 0);
+  std::vector<std::unique_ptr<Task>> tasks;
+  for (const int expected : {0, ECANCELED, 0}) {
+    tasks.push_back(std::make_unique<Task>([&, expected] {
+      Reservation memory(budget_);
+      EXPECT_EQ(memory.Reserve(6), expected);
+    }));
+    clock_.AwaitWaiters(tasks.size());
+  }
+  tasks[1]->Cancel();
+  EXPECT_TRUE(tasks[1]->Await());
+  mine.Reset();
+  EXPECT_TRUE(tasks[0]->Await());
+  EXPECT_TRUE(tasks[2]->Await());
 }
 
 TEST_F(MemoryBudgetTest, AWaitThatIsWokenInVainAgainAndAgainEndsWithItsDeadline) {
