@@ -108,6 +108,75 @@ TEST_F(TurnTest, WhoWaitsToPassGoesBeforeTheNextTurn) {
             std::find(seen.begin(), seen.end(), "second"));
 }
 
+// The same, with one who is woken in time and comes to it late.
+class LateClock final : public ManualClock {
+ public:
+  void WaitUntil(vesk::Condition& condition, vesk::Mutex& mutex,
+                 Time until) override VESK_NO_THREAD_SAFETY_ANALYSIS {
+    {
+      const vesk::MutexLock guard(mutex_);
+      ++waits_;
+      changed_.WakeAll();
+    }
+    ManualClock::WaitUntil(condition, mutex, until);
+    if (!late) return;
+    mutex.unlock();
+    {
+      const vesk::MutexLock guard(mutex_);
+      while (!go_on_) changed_.Wait(mutex_);
+    }
+    mutex.lock();
+  }
+
+  // Returns when threads have begun to wait so often, after a while in any case.
+  void AwaitWaits(unsigned count) {
+    const auto watchdog = std::chrono::steady_clock::now() + seconds(10);
+    const vesk::MutexLock guard(mutex_);
+    while (waits_ < count && std::chrono::steady_clock::now() < watchdog) {
+      changed_.WaitUntil(mutex_, watchdog);
+    }
+  }
+  void GoOn() {
+    const vesk::MutexLock guard(mutex_);
+    go_on_ = true;
+    changed_.WakeAll();
+  }
+
+  inline static thread_local bool late = false;
+
+ private:
+  vesk::Mutex mutex_;
+  vesk::Condition changed_;
+  unsigned waits_ VESK_GUARDED_BY(mutex_) = 0;
+  bool go_on_ VESK_GUARDED_BY(mutex_) = false;
+};
+
+TEST(LateTurnTest, TheNextTurnWaitsForWhoPassesHoweverLateItIs) {
+  const int me = 0;
+  const int you = 0;
+  LateClock clock;
+  Turn turn(clock);
+  Turn::Holder mine(turn);
+  ASSERT_EQ(mine.Take(&me), 0);
+  Task passer([&] {
+    LateClock::late = true;
+    EXPECT_EQ(turn.Pass(), 0);
+  });
+  clock.AwaitWaits(1);
+  Task taker([&] {
+    Turn::Holder holder(turn);
+    EXPECT_EQ(holder.Take(&you), 0);
+  });
+  clock.AwaitWaits(2);
+  mine.Give();
+  clock.AwaitWaits(3);  // the taker was woken and waits again
+  EXPECT_FALSE(turn.IsTakenFrom(nullptr));
+  EXPECT_FALSE(taker.Ended()) << "it has overtaken the one who passes";
+  clock.GoOn();
+  EXPECT_TRUE(passer.Await());
+  EXPECT_TRUE(taker.Await()) << "nobody has told it that all have passed";
+}
+
 TEST_F(TurnTest, NobodyIsOvertakenByARequestThatTakesTheTurnAgainAndAgain) {
   const int me = 0;
   ASSERT_EQ(mine_.Take(&me), 0);
@@ -148,10 +217,33 @@ TEST_F(TurnTest, WaitsEndWithTheDeadlineAndLeaveTheQueue) {
   clock_.Advance(seconds(1));
   EXPECT_TRUE(passer.Await());
   EXPECT_EQ(passed, ETIMEDOUT);
-  EXPECT_TRUE(turn_.IsTakenFrom(nullptr)) << "it is still mine";
+  EXPECT_TRUE(turn_.IsTakenFrom(nullptr));
+  EXPECT_FALSE(turn_.IsTakenFrom(&me)) << "it is still mine";
   EXPECT_FALSE(last->Ended());
   mine_.Give();
   EXPECT_TRUE(last->Await()) << "those who gave up are in its way";
+}
+
+TEST_F(TurnTest, WhoGivesUpInTheMiddleOfTheQueueLeavesTheOthersInIt) {
+  const int me = 0;
+  ASSERT_EQ(mine_.Take(&me), 0);
+  const auto first = Taker("first");
+  clock_.AwaitWaiters(1);
+  int taken = 0;
+  Task second([&] {
+    Turn::Holder turn(turn_);
+    taken = turn.Take(&taken);
+  });
+  clock_.AwaitWaiters(2);
+  const auto third = Taker("third");
+  clock_.AwaitWaiters(3);
+  second.Cancel();
+  EXPECT_TRUE(second.Await());
+  EXPECT_EQ(taken, ECANCELED);
+  mine_.Give();
+  EXPECT_TRUE(first->Await());
+  EXPECT_TRUE(third->Await());
+  EXPECT_EQ(order(), (std::vector<std::string>{"first", "third"}));
 }
 
 TEST_F(TurnTest, WaitsEndWhenTheyAreCalledOff) {
