@@ -5,17 +5,22 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "runtime/random.h"
+#include "runtime/transfer.h"
 #include "tests/files/file_world.h"
+#include "tests/support/allocation.h"
 #include "tests/support/null_logger.h"
 #include "tests/support/task.h"
+#include "vesk/VeskException.h"
 
 namespace vesk_test {
 namespace {
@@ -183,7 +188,8 @@ class OvertakingStore final : public vesk::Decorator {
   void Start(vesk::JobQueue& jobs) override {
     while (!jobs.Empty()) {
       VeskJob* const job = jobs.Pop();
-      if (holds_ && job->GetType() == vesk::JOB_TYPE_IO) {
+      if (holds_ && job->GetType() == vesk::JOB_TYPE_IO &&
+          vesk::Transfer(job->GetOP()).offset >= holds_from) {
         ++started;
         held_.Push(job);
       } else {
@@ -203,6 +209,13 @@ class OvertakingStore final : public vesk::Decorator {
   }
 
   unsigned started = 0;
+  std::uint64_t holds_from = 0;  // transfers of what lies before take place at once
+  int next_error = 0;            // of the next transfer that takes place
+  unsigned short_reads = 0;      // so many reads to come bring ten bytes at most
+  bool tells_end = false;        // a read that brings nothing ends in RC_EOF
+
+  // What was held first ends in `error` and does not take place.
+  void EndOldest(int error) { End(held_.Pop(), error); }
 
   // What nobody waits for takes place, from now on.
   void StopHolding() {
@@ -211,6 +224,22 @@ class OvertakingStore final : public vesk::Decorator {
   }
 
  private:
+  void JobEnded(VeskJob* job, int result) override {
+    if (short_reads > 0 && job->GetOP().GetOpcode() == vesk::OPCODE_READ) {
+      --short_reads;
+      const vesk::Transfer read(job->GetOP());
+      read.StoreCount(std::min<std::size_t>(read.Moved(), 10));
+    }
+    if (tells_end && job->GetOP().GetOpcode() == vesk::OPCODE_READ &&
+        vesk::Transfer(job->GetOP()).Moved() == 0) {
+      result = vesk::RC_EOF;
+    }
+    if (next_error != 0 && job->GetType() == vesk::JOB_TYPE_IO) {
+      result = std::exchange(next_error, 0);
+    }
+    End(job, result);
+  }
+
   bool holds_ = true;
   vesk::JobQueue held_;
 };
@@ -278,6 +307,43 @@ TEST_F(OvertakingTest, AWriterTakesTheTurnWhenOthersFetchItsBlockAgainAndAgain) 
   EXPECT_EQ(files_->GetStats().turns, 1u);
 }
 
+// A write of two pages; both are overtaken a few times each.
+TEST_F(OvertakingTest, EachPieceOfARequestHasItsOwnPatience) {
+  constexpr unsigned kRounds = 5;
+  unsigned ends = 0;
+  store_.after = [&] {
+    const std::uint64_t page = ends / (kRounds + 1);
+    if (++ends % (kRounds + 1) == 0) return;
+    other_->Advise(Advice::kDontNeed, page * kPage, kPage);
+    other_->Advise(Advice::kWillNeed, page * kPage, kPage);
+  };
+  other_->Advise(Advice::kWillNeed, 0, 2 * kPage);
+  FileWorld::Write(*file_, std::string(2 * kPage, 'w'), 0);
+  EXPECT_EQ(ends, 2 * (kRounds + 1));
+  EXPECT_EQ(file_->GetStats().turns, 0u);
+  EXPECT_EQ(file_->GetStats().repeats, kRounds + 1);
+  EXPECT_EQ(file_->GetStats().misses, 2u);
+}
+
+// Both pages are fetched again and again, as long as others may do so.
+TEST_F(OvertakingTest, BetweenTwoPiecesTheTurnIsGivenBack) {
+  unsigned kept_out = 0;
+  unsigned rounds = 0;
+  store_.after = [&] {
+    ASSERT_LT(++rounds, 100u) << "the writer is never served";
+    const unsigned before = store_.started;
+    const std::uint64_t page = kept_out;
+    other_->Advise(Advice::kDontNeed, page * kPage, kPage);
+    other_->Advise(Advice::kWillNeed, page * kPage, kPage);
+    if (store_.started == before) ++kept_out;
+  };
+  other_->Advise(Advice::kWillNeed, 0, 2 * kPage);
+  FileWorld::Write(*file_, std::string(2 * kPage, 'w'), 0);
+  EXPECT_EQ(kept_out, 2u);
+  EXPECT_GE(rounds, 2 * kMostRepeats) << "nobody could come in between";
+  EXPECT_EQ(file_->GetStats().turns, 2u);
+}
+
 // A reader who has fetched a page finds it, whatever others advise meanwhile.
 TEST_F(OvertakingTest, ABlockThatAReaderWaitsForIsNotDropped) {
   unsigned rounds = 0;
@@ -289,6 +355,134 @@ TEST_F(OvertakingTest, ABlockThatAReaderWaitsForIsNotDropped) {
   EXPECT_EQ(FileWorld::Read(*file_, 0, 10), std::string(10, '\0'));
   EXPECT_EQ(rounds, 1u);
   EXPECT_EQ(file_->GetStats().turns, 0u);
+}
+
+TEST_F(OvertakingTest, NoBlockIsDroppedWhileAReaderOfSeveralWaitsForIt) {
+  unsigned rounds = 0;
+  store_.after = [&] {
+    if (rounds >= 1000) return;  // the test fails, but it ends
+    ++rounds;
+    other_->Advise(Advice::kDontNeed, 0, 8 * kPage);
+  };
+  EXPECT_EQ(FileWorld::Read(*file_, kPage - 5, kPage + 10), std::string(kPage + 10, '\0'));
+  EXPECT_EQ(rounds, 3u);
+  EXPECT_EQ(file_->GetStats().turns, 0u);
+}
+
+TEST_F(OvertakingTest, AReadThatWaitsWhereTheFileIsCutOffEndsThere) {
+  store_.after = [&] {
+    store_.after = nullptr;
+    EXPECT_TRUE(other_->Truncate(kPage).ok());
+  };
+  EXPECT_EQ(FileWorld::Read(*file_, kPage, 10), "");
+  EXPECT_EQ(file_->Size(), kPage);
+}
+
+// Somebody else has started it, and would be the only one to know.
+TEST_F(OvertakingTest, WhoWaitsForOthersFetchIsToldItsError) {
+  other_->Advise(Advice::kWillNeed, 0, kPage);
+  store_.next_error = EIO;
+  EXPECT_EQ(FileWorld::Read(*file_, 0, 10, EIO), "");
+  EXPECT_EQ(store_.started, 1u) << "it has fetched the page again";
+  EXPECT_EQ(FileWorld::Read(*file_, 0, 10), std::string(10, '\0'));
+}
+
+// Others' fetch has ended in what fails a check, and it is this request that meets it.
+TEST_F(OvertakingTest, ARequestThatMeetsAFailedCheckIsNotServed) {
+  EXPECT_EQ(FileWorld::Read(*file_, 7 * kPage, 10), std::string(10, '\0'));
+  other_->Advise(Advice::kWillNeed, 5 * kPage, kPage);
+  FileWorld::Write(*file_, std::string(kPage, 'x'), 0);
+  EXPECT_TRUE(file_->Flush().ok());
+  EXPECT_EQ(FileWorld::Read(*file_, 0, 10), std::string(10, 'x')) << "it is on its way";
+  store_.EndOldest(vesk::ERR_ASSERT);
+  EXPECT_FALSE(file_->Broken());
+  EXPECT_EQ(FileWorld::Read(*file_, 0, 10, EIO), "");
+  EXPECT_TRUE(file_->Broken());
+  const long before = LiveAllocations();
+  file_->Advise(Advice::kDontNeed, 0, 8 * kPage);
+  EXPECT_EQ(LiveAllocations(), before) << "what has failed a check is left as it is";
+}
+
+// ---- a store that brings less than it has ----
+
+TEST_F(OvertakingTest, AGapBehindTheStoresEndReadsAsZerosHoweverTheStoreSaysSo) {
+  store_.tells_end = true;
+  FileWorld::Write(*file_, "far", 20 * kPage);
+  EXPECT_EQ(FileWorld::Read(*file_, 12 * kPage, 10), std::string(10, '\0'));
+}
+
+TEST_F(OvertakingTest, AReadIsServedThoughTheStoreIsShortTenTimes) {
+  store_.short_reads = 10;
+  EXPECT_EQ(FileWorld::Read(*file_, 2000, 10), std::string(10, '\0'));
+  EXPECT_EQ(store_.short_reads, 0u);
+}
+
+TEST_F(OvertakingTest, AReadOfAStoreThatStaysShortEndsInAnError) {
+  store_.short_reads = 100;
+  EXPECT_EQ(FileWorld::Read(*file_, 2000, 10, EIO), "");
+  EXPECT_LE(file_->GetStats().repeats, 2 * kMostRepeats);
+  EXPECT_GE(store_.short_reads, 100 - 2 * kMostRepeats) << "so often it was tried";
+  store_.short_reads = 0;
+  EXPECT_EQ(FileWorld::Read(*file_, 2000, 10), std::string(10, '\0')) << "it is well again";
+}
+
+// To look at the store's file may need the turn that the request has.
+TEST_F(OvertakingTest, AReaderWithTheTurnWhoMeetsAShorterFileEndsThere) {
+  unsigned rounds = 0;
+  store_.after = [&] {
+    if (++rounds > kMostRepeats) return;
+    EXPECT_TRUE(other_->Truncate(0).ok());  // what the reader waits for is cut off
+    EXPECT_TRUE(other_->Truncate(8 * kPage).ok());
+    if (rounds == kMostRepeats) {
+      EXPECT_EQ(names_.Truncate("file", 10), 0);  // by somebody else
+    }
+  };
+  EXPECT_EQ(FileWorld::Read(*file_, 2000, 10), "");
+  EXPECT_EQ(file_->GetStats().turns, 1u);
+  EXPECT_EQ(file_->Size(), 10u);
+}
+
+// It goes on in the next range, whose blocks are fetched while it waits for the first one's.
+TEST_F(OvertakingTest, ALongReadCountsAsWhatItHadToWaitFor) {
+  store_.StopHolding();
+  EXPECT_TRUE(file_->Truncate(40 * kPage).ok());
+  const vesk::FileStats before = file_->GetStats();
+  EXPECT_EQ(FileWorld::Read(*file_, 0, 20 * kPage).size(), 20 * kPage);
+  EXPECT_EQ(file_->GetStats().streams, 2u);
+  EXPECT_EQ(file_->GetStats().misses - before.misses, 1u);
+  EXPECT_EQ(file_->GetStats().hits - before.hits, 1u);
+}
+
+// ---- what is left behind ----
+
+TEST_F(OvertakingTest, ACloseOfWhichOnlyAPartIsStoredInTimeSaysSo) {
+  store_.holds_from = 5 * kPage;
+  FileWorld::Write(*file_, "late", 5 * kPage);
+  FileWorld::Write(*file_, "early", 0);
+  {
+    const vesk::RequestScope scope({vesk::Clock::System().Now(), nullptr});
+    EXPECT_EQ(file_->Close().error(), ETIMEDOUT);
+  }
+  EXPECT_EQ(other_->GetStats().dirty, 4u) << "the first part is stored";
+  store_.StopHolding();
+  EXPECT_TRUE(file_->Close().ok());
+}
+
+TEST_F(OvertakingTest, RequestsLeaveNothingBehind) {
+  store_.StopHolding();
+  const auto use = [&] {
+    other_->Advise(Advice::kDontNeed, 0, 8 * kPage);
+    EXPECT_EQ(FileWorld::Read(*file_, kPage - 5, 10), std::string(10, '\0'));
+    other_->Advise(Advice::kWillNeed, 4 * kPage, kPage);
+    FileWorld::Write(*file_, "w", 4 * kPage);  // waits for the fetch
+    EXPECT_TRUE(file_->Sync().ok());
+    EXPECT_TRUE(file_->Truncate(7 * kPage).ok());
+    EXPECT_TRUE(file_->Truncate(8 * kPage).ok());
+  };
+  for (unsigned i = 0; i < 3; ++i) use();
+  const long before = LiveAllocations();
+  for (unsigned i = 0; i < 20; ++i) use();
+  EXPECT_EQ(LiveAllocations(), before);
 }
 
 // Requests of others are kept out while the turn is taken, within their own limits.
