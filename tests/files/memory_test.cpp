@@ -258,6 +258,46 @@ TEST_F(MemoryTest, ABlockThatNeedsSeveralOthersTakesTheOldestOfAllFiles) {
   EXPECT_EQ(reads(), before);
 }
 
+// Read backwards: those used first are handed to a range of their own in the end.
+TEST_F(MemoryTest, BlocksOfARangeThatIsDividedKeepTheirOrder) {
+  constexpr std::uint64_t kPages = 17;
+  Configure(world_, kPages);
+  FileHandle& file = Begin("file", 32);
+  for (std::uint64_t page = kPages; page-- > 0;) ReadPage(file, page);
+  EXPECT_EQ(file.GetStats().streams, 2u);
+  ReadPage(file, 30);
+  EXPECT_EQ(reads(), kPages + 1);
+  for (std::uint64_t page = 0; page < kPages - 1; ++page) ReadPage(file, page);
+  EXPECT_EQ(reads(), kPages + 1) << "another one than the oldest has gone";
+}
+
+TEST_F(MemoryTest, AReadOfSeveralBlocksTakesThePlaceOfSeveralAtOnce) {
+  Configure(world_, 16);
+  FileHandle& file = Begin("file", 16);
+  FileHandle& other = Begin("other", 16);
+  for (std::uint64_t page = 0; page < 16; ++page) ReadPage(other, page);
+  world_.script.Hold({vesk::kFaultRead});
+  Task reader([&] { EXPECT_EQ(FileWorld::Read(file, 0, 4 * kPage).size(), 4 * kPage); });
+  world_.script.AwaitHeld(4);
+  EXPECT_FALSE(reader.Ended());
+  world_.script.Heal();
+  EXPECT_TRUE(reader.Await());
+}
+
+// There is memory for one of the two.
+TEST_F(MemoryTest, AReadOfSeveralBlocksBeginsWithOneWhereThereIsNoMemoryForMore) {
+  Configure(world_, 8);
+  FileHandle& file = Begin("file", 8);
+  FileHandle& other = Begin("other", 8);
+  world_.script.Hold({vesk::kFaultRead});
+  other.Advise(Advice::kWillNeed, 0, 7 * kPage);
+  EXPECT_EQ(world_.script.held(), 7u);
+  Task reader([&] { EXPECT_EQ(FileWorld::Read(file, 0, 2 * kPage).size(), 2 * kPage); });
+  world_.script.AwaitHeld(8);
+  world_.script.Heal();
+  EXPECT_TRUE(reader.Await());
+}
+
 TEST_F(MemoryTest, DirtyBlocksAndThoseInFlightNeverGo) {
   Configure(world_, 4);
   FileHandle& file = Begin("file", 64);
@@ -487,6 +527,7 @@ TEST_F(DirtyTest, AWriterAtTheHardLimitEndsWithItsDeadlineAndLosesNothing) {
     FileWorld::Write(file, PageOf('y'), 8 * kPage, ETIMEDOUT);
   });
   clock_.AwaitWaiters(1);
+  EXPECT_EQ(world_.files().memory_used(), 8 * kPage) << "others could use what it holds";
   clock_.Advance(seconds(2));
   EXPECT_FALSE(writer.Ended());
   clock_.Advance(seconds(1));
@@ -568,6 +609,97 @@ TEST_F(DirtyTest, TheAgeOfDirtyBytesIsThatOfTheFirstWrite) {
   EXPECT_EQ(Begin("clean").GetStats().oldest_dirty, seconds(0));
   world_.files().Tend();
   EXPECT_EQ(world_.script.held(), 1u);
+}
+
+// There is memory for one block. The writer gets it when the other one, who appends, has the turn
+// and waits for it.
+TEST_F(DirtyTest, AWriterWhoIsKeptOutHoldsNoMemory) {
+  world_.options.memory = kPage;
+  world_.Put("file", PageOf('-'));
+  world_.Put("other", PageOf('-'));
+  FileHandle& file = world_.Open("file");
+  FileHandle& other = world_.Open("other");
+  world_.script.Hold({vesk::kFaultRead});
+  other.Advise(Advice::kWillNeed, 0, kPage);
+  EXPECT_EQ(world_.files().memory_used(), kPage);
+  Task writer([&] { FileWorld::Write(file, PageOf('w'), 0); });
+  clock_.AwaitWaiters(1);
+  Task appender([&] {
+    const std::string bytes = PageOf('a');
+    EXPECT_EQ(file.Append(bytes.data(), bytes.size()).error(), 0);
+  });
+  clock_.AwaitWaiters(2);
+  world_.script.Heal();
+  EXPECT_TRUE(appender.Await());
+  EXPECT_TRUE(writer.Await());
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_TRUE(world_.Stored("file") == PageOf('w') + PageOf('a'));
+  EXPECT_EQ(file.GetStats().repeats, 1u) << "it was kept out once";
+}
+
+// There is memory for two blocks. A reader gets one and fetches the page with it that the writer
+// wants to write, who gets the other one.
+TEST_F(DirtyTest, AWriterWhoWaitsForAFetchHoldsNothing) {
+  world_.options.memory = 2 * kPage;
+  world_.options.dirty_soft = world_.options.dirty_hard = kPage;
+  for (const char* const name : {"file", "other", "third"})
+    world_.Put(name, PageOf('-') + PageOf('-'));
+  FileHandle& file = world_.Open("file");
+  FileHandle& other = world_.Open("other");
+  FileHandle& third = world_.Open("third");
+  world_.script.Hold({vesk::kFaultRead});
+  other.Advise(Advice::kWillNeed, 0, 2 * kPage);
+  Task reader([&] { EXPECT_TRUE(FileWorld::Read(file, 0, kPage).size() == kPage); });
+  clock_.AwaitWaiters(1);
+  Task writer([&] { FileWorld::Write(file, PageOf('w'), 0); });
+  clock_.AwaitWaiters(2);
+  world_.script.EndOne(0, 0);
+  world_.script.AwaitHeld(2);  // the reader's is the second one
+  world_.script.EndOne(0, 0);
+  EXPECT_TRUE(FileWorld::Await([&] { return file.GetStats().cached == kPage; }));
+  EXPECT_TRUE(FileWorld::Await([&] { return other.GetStats().cached == 0; }))
+      << "the writer has not got its memory";
+  EXPECT_TRUE(FileWorld::Await([&] { return world_.files().memory_used() == kPage; }))
+      << "the writer keeps what it cannot use yet";
+  {
+    Task another([&] { FileWorld::Write(third, PageOf('t'), 0); });
+    EXPECT_TRUE(another.Await()) << "the writer keeps room among the unsaved bytes";
+  }
+  world_.script.Heal();
+  EXPECT_TRUE(reader.Await());
+  EXPECT_TRUE(writer.Await());
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_TRUE(third.Sync().ok());
+  EXPECT_TRUE(world_.Stored("file") == PageOf('w') + PageOf('-'));
+}
+
+// It has passed its own look at the file before the truncation came to nothing, as far as anybody
+// knows.
+TEST_F(DirtyTest, AWriterWaitsForATruncationThatHasOutlivedItsRequest) {
+  world_.Put("file", std::string(4 * kPage, '-'));
+  FileHandle& file = world_.Open("file");
+  for (unsigned i = 0; i < 2; ++i) EXPECT_EQ(FileWorld::Read(file, 20, 5), "-----");
+  world_.script.Hold({vesk::kFaultTruncate});
+  Task truncating([&] { EXPECT_EQ(file.Truncate(10).error(), ECANCELED); });
+  world_.script.AwaitHeld(1);
+  clock_.AwaitWaiters(1);
+  Task writer([&] { FileWorld::Write(file, "written", kPage); });
+  clock_.AwaitWaiters(2);
+  Task reader([&] {  // before the writer or after it
+    EXPECT_EQ(FileWorld::Read(file, 20, 5).find('-'), std::string::npos);
+  });
+  clock_.AwaitWaiters(3);
+  EXPECT_FALSE(reader.Ended()) << "it has read what is being cut off";
+  truncating.Cancel();
+  EXPECT_TRUE(truncating.Await());
+  clock_.AwaitWaiters(2);
+  EXPECT_FALSE(writer.Ended()) << "what it has written may be cut off";
+  world_.script.Heal();
+  EXPECT_TRUE(writer.Await());
+  EXPECT_TRUE(reader.Await());
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_TRUE(world_.Stored("file") ==
+              std::string(10, '-') + std::string(kPage - 10, '\0') + "written");
 }
 
 // ---- what is told ----
