@@ -15,6 +15,7 @@
 #include "files/range.h"
 #include "runtime/random.h"
 #include "tests/files/file_world.h"
+#include "tests/support/allocation.h"
 #include "tests/support/null_logger.h"
 #include "tests/support/task.h"
 
@@ -83,6 +84,18 @@ TEST_F(RangesTest, WhatARangeHasCountedOutlivesIt) {
   EXPECT_EQ(file.GetStats().misses, 200u);
   EXPECT_EQ(file.GetStats().hits, 200u);
   EXPECT_EQ(file.GetStats().returned, 400 * kPage);
+}
+
+// The first one has to be fetched, the second one is there, in the next range.
+TEST_F(RangesTest, EachPartOfARequestIsCountedForItself) {
+  FileHandle& file = Begin(40);
+  ReadPages(file, 0, 40);
+  constexpr std::uint64_t kLast = Range::kMaxBlocks - 1;
+  file.Advise(Advice::kDontNeed, kLast * kPage, kPage);
+  const vesk::FileStats before = file.GetStats();
+  ExpectRead(file, kLast * kPage, 2 * kPage);
+  EXPECT_EQ(file.GetStats().misses - before.misses, 1u);
+  EXPECT_EQ(file.GetStats().hits - before.hits, 1u);
 }
 
 TEST_F(RangesTest, AFileIsDividedAsItsBlocksGrow) {
@@ -182,6 +195,9 @@ TEST_F(RangesTest, ARefusedSplitIsTriedAgainLater) {
   Write(file, 2 * kPage, kPage, 'b');
   EXPECT_EQ(file.GetStats().streams, 1u);
   EXPECT_FALSE(file.Broken());
+  const long before = LiveAllocations();
+  for (unsigned i = 0; i < 100; ++i) Write(file, 2 * kPage, kPage, 'b');
+  EXPECT_LE(LiveAllocations(), before + 50) << "each refusal leaves something behind";
   world_.script.Heal();
   ASSERT_TRUE(FileWorld::Await([&] { return file.GetStats().in_flight == 0; }));
   for (std::uint64_t page = 3; page < 10; ++page) Write(file, page * kPage, kPage, 'c');
@@ -255,12 +271,16 @@ TEST_F(RangesTest, AReaderWhoHasGoneThroughALargeFileLeavesFewRanges) {
   world_.options.read_ahead = 8;
   FileHandle& file = Begin(kPages);
   std::uint64_t most = 0;
+  long left = 0;
   for (unsigned round = 0; round < 2; ++round) {
+    const long before = LiveAllocations();
     for (std::uint64_t page = 0; page < kPages; ++page) {
       ExpectRead(file, page * kPage, kPage);
       if (page % 16 == 0) most = std::max(most, file.GetStats().streams);
     }
+    left = LiveAllocations() - before;
   }
+  EXPECT_LE(left, 100) << "the second round has met everything that the first one needed";
   EXPECT_LE(most, 8u) << "32 blocks are in memory at most";
   for (std::uint64_t page = kPages; page-- > 0;) {
     ExpectRead(file, page * kPage, kPage);
@@ -367,6 +387,33 @@ TEST_F(RangesTest, ATruncateWaitsForAWriterWhoHasBegun) {
   vesk::gEnv->logger = usual;
   content_.resize(5 * kPage);
   ExpectWhole(file);
+}
+
+// The writer is kept where it has yet to make the file longer.
+TEST_F(RangesTest, AnAppendGoesBehindAWriteThatIsUnderWay) {
+  FileHandle& file = Begin(0);
+  StoppingLogger logger;
+  vesk::VeskLogger* const usual = std::exchange(vesk::gEnv->logger, &logger);
+  {
+    Task writer([&] {
+      StoppingLogger::stops = true;
+      FileWorld::Write(file, "written", 0);
+      StoppingLogger::stops = false;
+    });
+    EXPECT_TRUE(logger.AwaitStopped());
+    Task appender([&] {
+      std::uint64_t at = 0;
+      EXPECT_TRUE(file.Append("appended", 8, &at).ok());
+      EXPECT_EQ(at, 7u);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // whatever it does without a lock
+    EXPECT_FALSE(appender.Ended());
+    logger.GoOn();
+    EXPECT_TRUE(writer.Await());
+    EXPECT_TRUE(appender.Await());
+  }
+  vesk::gEnv->logger = usual;
+  EXPECT_EQ(FileWorld::Read(file, 0, 20), "writtenappended");
 }
 
 // The writer is kept where the first block leaves its range for the new one.

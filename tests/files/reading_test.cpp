@@ -91,6 +91,46 @@ TEST_F(ReadingTest, FirstWindowIsOnItsWayBeforeAWaiterRunsTheFirstMissItself) {
   EXPECT_TRUE(reader.Await());
 }
 
+// The memory is full of what others have read.
+TEST_F(ReadingTest, FirstWindowLeavesAtOnceWhereOthersHaveToGo) {
+  world_.options.memory = std::uint64_t{64} * kBytes;
+  world_.Put("other", FileWorld::Content(std::size_t{64} * kBytes));
+  FileHandle& other = world_.Open("other", {});
+  FileHandle& file = Begin(std::size_t{64} * kBytes);
+  EXPECT_EQ(FileWorld::Read(other, 0, std::size_t{64} * kBytes).size(), std::size_t{64} * kBytes);
+  EXPECT_EQ(world_.files().memory_used(), world_.options.memory);
+  HoldReads();
+  Task reader([&] { ExpectRead(file, 0, kBytes); });
+  world_.script.AwaitHeld(8);
+  EXPECT_FALSE(reader.Ended());
+  world_.script.Heal();
+  EXPECT_TRUE(reader.Await());
+}
+
+// What comes last must not push out what came first and is not read yet.
+TEST_F(ReadingTest, ALongReadFetchesAQuarterOfTheMemoryAtATime) {
+  world_.options.memory = std::uint64_t{60} * kBytes;
+  world_.options.read_ahead = 0;
+  FileHandle& file = Begin(std::size_t{64} * kBytes);
+  HoldReads();
+  Task reader([&] { ExpectRead(file, 0, std::size_t{40} * kBytes); });
+  world_.script.AwaitHeld(15);
+  EXPECT_EQ(file.GetStats().in_flight, std::uint64_t{15} * kBytes);
+  world_.script.Heal();
+  EXPECT_TRUE(reader.Await());
+}
+
+// The reader of a sequence is thought to want all of the block.
+TEST_F(ReadingTest, AWindowBeginsWhereItsBlockDoes) {
+  world_.options.block_size = 4 * kBytes;
+  FileHandle& file = Begin(std::size_t{64} * kBytes);
+  file.Advise(Advice::kSequential);
+  ExpectRead(file, 9 * kBytes, 10);
+  const std::uint64_t before = reads();
+  ExpectRead(file, 8 * kBytes, 10);
+  EXPECT_EQ(reads(), before);
+}
+
 // The file is longer than one range: so the windows cross the boundaries.
 TEST_F(ReadingTest, NextWindowLeavesBeforeTheCurrentOneIsUsedUpAcrossRangesToo) {
   constexpr std::size_t kSize = std::size_t{100} * kBytes;
@@ -115,12 +155,14 @@ TEST_F(ReadingTest, WindowIsRefilledByAReaderThatWaits) {
   Task first([&] { ExpectRead(file, 0, kBytes); });
   world_.script.AwaitHeld(8);
   const std::size_t before = world_.script.held();
+  const std::uint64_t asked = world_.script.Count(vesk::kFaultStat);
   Task second([&] { ExpectRead(file, std::uint64_t{6} * kBytes, kBytes); });
   world_.script.AwaitHeld(before + 1);
   EXPECT_FALSE(second.Ended());
   world_.script.Heal();
   EXPECT_TRUE(first.Await());
   EXPECT_TRUE(second.Await());
+  EXPECT_EQ(world_.script.Count(vesk::kFaultStat), asked) << "nothing is in doubt";
 }
 
 // ---- off means off ----
@@ -233,6 +275,17 @@ TEST_F(ReadingTest, AReaderThatIsServedFromMemoryIsReadAheadOfWhereverItBegins) 
   }
 }
 
+// It finds every block where the first one has found it.
+TEST_F(ReadingTest, ASecondReaderIsReadAheadOfAsWell) {
+  FileHandle& file = Begin(std::size_t{64} * kBytes);
+  for (std::uint64_t block = 0; block < 64; ++block) ReadBlockAndAwaitAhead(file, block);
+  file.Advise(Advice::kDontNeed, 0, std::uint64_t{64} * kBytes);
+  FileHandle& second = world_.Open("file", {});
+  const std::uint64_t before = second.GetStats().misses;
+  for (std::uint64_t block = 0; block < 64; ++block) ReadBlockAndAwaitAhead(second, block);
+  EXPECT_EQ(second.GetStats().misses - before, 1u);
+}
+
 TEST_F(ReadingTest, NoMoreThanHalfOfTheMemoryIsReadAhead) {
   world_.options.memory = std::uint64_t{16} * kBytes;
   world_.options.read_ahead = 64;
@@ -296,6 +349,20 @@ TEST_F(ReadingTest, AHitLeavesNoLineInTheTrace) {
   EXPECT_EQ(file.GetStats().hits, 2u);
 }
 
+// Each in a range of its own.
+TEST_F(ReadingTest, HitsInDifferentPartsOfAFileLeaveNoLineEither) {
+  FileHandle& file = Begin(std::size_t{64} * kBytes);
+  file.Advise(Advice::kRandom);
+  for (std::uint64_t block = 0; block < 64; ++block) ExpectRead(file, block * kBytes, kBytes);
+  ASSERT_GE(file.GetStats().streams, 3u);
+  std::uint64_t lines = 0;
+  for (unsigned round = 0; round < 3; ++round) {
+    lines = world_.logger.lines();
+    for (const std::uint64_t block : {1u, 40u, 20u, 60u}) ExpectRead(file, block * kBytes, 100);
+  }
+  EXPECT_EQ(world_.logger.lines(), lines);
+}
+
 // ---- many at once ----
 
 TEST_F(ReadingTest, ConcurrentMissesOfOneBlockFetchItOnce) {
@@ -345,6 +412,20 @@ TEST_F(ReadingTest, WillNeedFetchesTheRangeWithoutWaiting) {
   for (std::uint64_t i = 10; i < 40; ++i) ExpectRead(file, i * kBytes, kBytes);
   EXPECT_EQ(reads(), 30u);
   EXPECT_EQ(file.GetStats().misses, 0u);
+}
+
+TEST_F(ReadingTest, WillNeedEndsWhereTheFileDoes) {
+  world_.options.memory = std::uint64_t{32} * kBytes;
+  world_.Put("other", FileWorld::Content(std::size_t{16} * kBytes));
+  FileHandle& other = world_.Open("other", {});
+  FileHandle& file = Begin(std::size_t{10} * kBytes);
+  EXPECT_EQ(FileWorld::Read(other, 0, std::size_t{16} * kBytes).size(), std::size_t{16} * kBytes);
+  const std::uint64_t before = reads();
+  file.Advise(Advice::kWillNeed, 0, std::uint64_t{30} * kBytes);
+  EXPECT_EQ(reads(), before + 10);
+  file.Advise(Advice::kWillNeed, std::uint64_t{20} * kBytes, kBytes);
+  EXPECT_EQ(reads(), before + 10);
+  EXPECT_EQ(other.GetStats().cached, std::uint64_t{16} * kBytes) << "it has gone for nothing";
 }
 
 TEST_F(ReadingTest, WillNeedBeyondTheMemoryTakesNoMoreThanThere) {
