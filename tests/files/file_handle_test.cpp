@@ -786,7 +786,9 @@ class LimitsTest : public ::testing::Test {
     SCOPED_TRACE(what);
     {
       const RequestScope scope(world_.In(milliseconds(30)));
-      EXPECT_EQ(request().error(), ETIMEDOUT);
+      const Status status = request();
+      EXPECT_EQ(status.error(), ETIMEDOUT);
+      EXPECT_FALSE(status.write_back()) << "no write has failed";
     }
     CancelToken token;
     std::atomic<bool> ended{false};
@@ -828,6 +830,57 @@ TEST_F(LimitsTest, ARequestWhoseTimeIsOverIsStillServedFromMemory) {
   const RequestScope scope(world_.In(seconds(0)));
   EXPECT_EQ(FileWorld::Read(file, 0, 10), content_.substr(0, 10));
   EXPECT_EQ(Read(file, kBlock * 70).error(), ETIMEDOUT);
+}
+
+// What is in memory is not served for that.
+TEST_F(LimitsTest, ARemovedFileIsNotReadFromMemory) {
+  FileHandle& file = world_.Open("a");
+  for (unsigned i = 0; i < 2; ++i) {
+    EXPECT_EQ(FileWorld::Read(file, 0, 10), content_.substr(0, 10));
+  }
+  EXPECT_TRUE(world_.files().Remove("a").ok());
+  EXPECT_EQ(FileWorld::Read(file, 0, 10, ESTALE), "");
+}
+
+// Its name may be another's.
+TEST_F(LimitsTest, ARemovedFileIsNotReadAheadOf) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_TRUE(world_.files().Remove("a").ok());
+  world_.Put("a", content_);
+  const std::uint64_t reads = world_.script.Count(vesk::kFaultRead);
+  file.Advise(Advice::kWillNeed, 0, kBlock);
+  EXPECT_EQ(world_.script.Count(vesk::kFaultRead), reads);
+}
+
+// More than 32 bits tell; the buffer has room for all that the file has.
+TEST_F(LimitsTest, AReadOfMoreThanFourGibibytesEndsWhereTheFileDoes) {
+  FileHandle& file = world_.Open("a");
+  std::string bytes(content_.size(), '?');
+  for (unsigned i = 0; i < 2; ++i) {
+    std::size_t moved = 0;
+    EXPECT_TRUE(file.ReadAt(bytes.data(), (std::size_t{1} << 32) + 10, 0, &moved).ok());
+    EXPECT_EQ(moved, content_.size());
+    EXPECT_TRUE(bytes == content_);
+  }
+}
+
+TEST_F(LimitsTest, AReadOfNothingIsNoHit) {
+  FileHandle& file = world_.Open("a");
+  for (unsigned i = 0; i < 2; ++i) EXPECT_EQ(FileWorld::Read(file, 0, 10).size(), 10u);
+  const std::uint64_t hits = file.GetStats().hits;
+  EXPECT_EQ(FileWorld::Read(file, 0, 0), "");
+  EXPECT_EQ(file.GetStats().hits, hits);
+}
+
+TEST_F(LimitsTest, AReadOfWhatIsThereNeedsNoMemory) {
+  FileHandle& file = world_.Open("a");
+  const std::string expected = FileWorld::Read(file, 0, 10 * kBlock);
+  std::string bytes(10 * kBlock, '?');
+  std::size_t moved = 0;
+  const FailingAllocation failing(1, true);
+  EXPECT_TRUE(file.ReadAt(bytes.data(), bytes.size(), 0, &moved).ok());
+  EXPECT_EQ(moved, bytes.size());
+  EXPECT_TRUE(bytes == expected);
 }
 
 TEST_F(LimitsTest, AWriteIntoABlockThatIsBeingWrittenEndsInTime) {
@@ -1410,6 +1463,42 @@ TEST_F(LimitsTest, AnOpenWithoutMemoryLeavesNoFileOpen) {
         EXPECT_EQ(files.memory_used(), 0u);
       }
     }
+  }
+}
+
+// Whoever needs memory asks everybody for some, but not those that have come to nothing.
+TEST_F(LimitsTest, AnOpenWithoutMemoryIsInNobodysWay) {
+  world_.options.memory = 4 * kBlock;
+  FileHandle& other = world_.Open("b");
+  bool fired = true;
+  for (long nth = 1; fired; ++nth) {
+    SCOPED_TRACE(nth);
+    {
+      const FailingAllocation failing(nth);
+      std::unique_ptr<FileHandle> file;
+      (void)world_.files().Open("a", FileWorld::Writing(), &file);
+      fired = failing.Fired();
+    }
+    EXPECT_TRUE(FileWorld::Read(other, 0, 20 * kBlock) == content_.substr(0, 20 * kBlock));
+  }
+}
+
+TEST_F(LimitsTest, ADivisionWithoutMemoryIsInNobodysWay) {
+  world_.options.memory = 24 * kBlock;
+  FileHandle& other = world_.Open("b");
+  bool fired = true;
+  for (long nth = 1; fired; ++nth) {
+    SCOPED_TRACE(nth);
+    FileHandle& file = world_.Open("a");
+    std::string bytes(20 * kBlock, '?');
+    std::size_t moved = 0;
+    {
+      const FailingAllocation failing(nth);
+      (void)file.ReadAt(bytes.data(), bytes.size(), 0, &moved);
+      fired = failing.Fired();
+    }
+    EXPECT_TRUE(FileWorld::Read(other, 0, content_.size()) == content_);
+    (void)file.Close();
   }
 }
 

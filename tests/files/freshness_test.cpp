@@ -683,6 +683,7 @@ TEST_F(FreshnessTest, OthersAreServedWhileOneRequestAsksTheStore) {
   FileHandle& file = world_.Open("a");
   EXPECT_EQ(World::Read(file, 0, 600), old_);
   world_.script.Hold({vesk::kFaultStat, "a"});
+  const std::uint64_t reads = world_.script.Count(vesk::kFaultRead);
   Pass();
   Task asking([&] { EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3)); });
   world_.script.AwaitHeld(1);
@@ -693,8 +694,40 @@ TEST_F(FreshnessTest, OthersAreServedWhileOneRequestAsksTheStore) {
   EXPECT_TRUE(other.Await());
   EXPECT_FALSE(asking.Ended());
   EXPECT_EQ(world_.script.held(), 1u) << "asked once";
+  EXPECT_EQ(world_.script.Count(vesk::kFaultRead), reads) << "they are served what is there";
   world_.script.Heal();
   EXPECT_TRUE(asking.Await());
+}
+
+// It was looked at for another block's sake in between, when nothing had changed.
+TEST_F(FreshnessTest, NoBlockOlderThanTheIntervalIsServedUnseen) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 10), old_.substr(0, 10));
+  world_.Put("a", new_);
+  Pass(2);
+  EXPECT_EQ(World::Read(file, 300, 10), new_.substr(300, 10));
+}
+
+TEST_F(FreshnessTest, ByPolicyNoBlockOlderThanTheIntervalIsServedWhileOneRequestAsks) {
+  world_.options.check_patience = std::chrono::hours(1);
+  world_.options.when_unknown = UnknownPolicy::kFail;
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  Pass();
+  EXPECT_EQ(World::Read(file, 0, 10), old_.substr(0, 10));
+  world_.Put("a", new_);
+  Pass(2);
+  world_.script.Hold({vesk::kFaultStat, "a"});
+  Task asking([&] { EXPECT_EQ(World::Read(file, 200, 10), new_.substr(200, 10)); });
+  world_.script.AwaitHeld(1);
+  Task other([&] { EXPECT_EQ(World::Read(file, 300, 10), new_.substr(300, 10)); });
+  std::this_thread::sleep_for(milliseconds(20));  // for bytes that should not come yet
+  EXPECT_FALSE(other.Ended());
+  world_.script.Heal();
+  EXPECT_TRUE(asking.Await());
+  EXPECT_TRUE(other.Await());
 }
 
 TEST_F(FreshnessTest, ByPolicyOthersWaitWhileOneRequestAsksTheStore) {
