@@ -832,6 +832,13 @@ TEST_F(LimitsTest, ARequestWhoseTimeIsOverIsStillServedFromMemory) {
   EXPECT_EQ(Read(file, kBlock * 70).error(), ETIMEDOUT);
 }
 
+TEST_F(LimitsTest, AWriteBeyondTheLargestOffsetIsNoFailedWriteBack) {
+  FileHandle& file = world_.Open("a");
+  const Status status = file.WriteAt("xx", 2, std::uint64_t{1} << 63);
+  EXPECT_EQ(status.error(), EFBIG);
+  EXPECT_FALSE(status.write_back());
+}
+
 // What is in memory is not served for that.
 TEST_F(LimitsTest, ARemovedFileIsNotReadFromMemory) {
   FileHandle& file = world_.Open("a");
