@@ -20,7 +20,6 @@
 #include "tests/support/allocation.h"
 #include "tests/support/null_logger.h"
 #include "tests/support/task.h"
-#include "vesk/VeskException.h"
 
 namespace vesk_test {
 namespace {
@@ -214,9 +213,6 @@ class OvertakingStore final : public vesk::Decorator {
   unsigned short_reads = 0;      // so many reads to come bring ten bytes at most
   bool tells_end = false;        // a read that brings nothing ends in RC_EOF
 
-  // What was held first ends in `error` and does not take place.
-  void EndOldest(int error) { End(held_.Pop(), error); }
-
   // What nobody waits for takes place, from now on.
   void StopHolding() {
     holds_ = false;
@@ -385,22 +381,6 @@ TEST_F(OvertakingTest, WhoWaitsForOthersFetchIsToldItsError) {
   EXPECT_EQ(FileWorld::Read(*file_, 0, 10, EIO), "");
   EXPECT_EQ(store_.started, 1u) << "it has fetched the page again";
   EXPECT_EQ(FileWorld::Read(*file_, 0, 10), std::string(10, '\0'));
-}
-
-// Others' fetch has ended in what fails a check, and it is this request that meets it.
-TEST_F(OvertakingTest, ARequestThatMeetsAFailedCheckIsNotServed) {
-  EXPECT_EQ(FileWorld::Read(*file_, 7 * kPage, 10), std::string(10, '\0'));
-  other_->Advise(Advice::kWillNeed, 5 * kPage, kPage);
-  FileWorld::Write(*file_, std::string(kPage, 'x'), 0);
-  EXPECT_TRUE(file_->Flush().ok());
-  EXPECT_EQ(FileWorld::Read(*file_, 0, 10), std::string(10, 'x')) << "it is on its way";
-  store_.EndOldest(vesk::ERR_ASSERT);
-  EXPECT_FALSE(file_->Broken());
-  EXPECT_EQ(FileWorld::Read(*file_, 0, 10, EIO), "");
-  EXPECT_TRUE(file_->Broken());
-  const long before = LiveAllocations();
-  file_->Advise(Advice::kDontNeed, 0, 8 * kPage);
-  EXPECT_EQ(LiveAllocations(), before) << "what has failed a check is left as it is";
 }
 
 // ---- a store that brings less than it has ----
