@@ -114,7 +114,7 @@ Range* Node::NewRange() {
     std::map<std::uint64_t, Range*> entry{{0, range.get()}};
     range->entry = entry.extract(entry.begin());
     all_.reserve(all_.size() + 1);
-    spare_.reserve(all_.size() + 1);
+    spare_.reserve(all_.size());  // the first one never gets there
   } catch (...) {
     range->LeaveBudget();
     throw;
@@ -173,10 +173,10 @@ bool Node::DividedBefore(Range& range, std::uint64_t offset) {
 // a large file leaves nothing behind.
 void Node::Retire(Range& range) {
   const RangeLock guard(range.lock);
-  const std::uint64_t begin = range.begin();
   const MutexLock ranges(mutex_);
+  const std::uint64_t begin = range.begin();
   const std::uint64_t end = range.end();
-  if (begin == 0 || end == 0 || !range.Close()) return;
+  if (begin == 0 || !range.Close()) return;  // the first one, or not in use any more
   const auto place = ranges_.find(begin);
   std::prev(place)->second->SetEnd(end);
   ranges_.erase(place);
@@ -444,7 +444,7 @@ class Node::ReadPiece final : public Node::Piece {
     told_ = true;
     if (!window.Empty()) {
       const std::uint64_t block = offset_ / node_.core_.block_size * node_.core_.block_size;
-      if (window.from <= offset_) from_ = std::min(from_, std::max(window.from, block));
+      from_ = std::min(from_, std::max(window.from, block));
       to_ = std::max(to_, std::min(window.to, size));
     }
     // What is fetched last must not push out what was fetched first and is not read yet.
@@ -463,7 +463,6 @@ class Node::ReadPiece final : public Node::Piece {
     if (!request.memory.TryReserve(wish) && request.memory.bytes() < need) {
       request.need_memory = need;
       request.wish_memory = wish - need;
-      request.need_room = 0;
       return Next::kGet;
     }
     const std::uint64_t reached = range.Fetch(start, to_, request.memory);
@@ -545,7 +544,7 @@ Outcome Node::ReadAt(ReadAhead& ahead, unsigned char* destination, std::size_t l
     const std::uint64_t at = offset + *moved;
     // Clipped to the size: no block is fetched beyond the end, none is left short behind it.
     const std::uint64_t size = core_.size;
-    if (at >= size || at < offset) return {Refusal(), false};
+    if (at >= size) return {Refusal(), false};
     const std::size_t wanted = std::min<std::uint64_t>(length - *moved, size - at);
     ReadPiece piece(*this, ahead, destination + *moved, wanted, at);
     const Outcome outcome = Serve(at, piece, request);
@@ -600,7 +599,6 @@ class Node::WritePiece final : public Node::Piece {
     const Range::WriteNeed need = range.NeedForWrite(offset_, length);
     if (!request.memory.TryReserve(need.memory) || !request.room.TryAdmit(need.dirty)) {
       request.need_memory = need.memory;
-      request.wish_memory = 0;
       request.need_room = need.dirty;
       return Next::kGet;
     }
@@ -646,7 +644,6 @@ Outcome Node::WriteAt(const unsigned char* source, std::size_t length, std::uint
 
 Outcome Node::WriteAll(const unsigned char* source, std::size_t length, std::uint64_t offset,
                        std::size_t* moved, const void* who) {
-  *moved = 0;
   if (offset > kMaxFileSize || length > kMaxFileSize - offset) return {EFBIG, false};
   Request request(core_, turn_);
   if (who != nullptr) request.who = who;
@@ -727,7 +724,8 @@ Outcome Node::Drain(WriteFailures::Seen* seen) {
     return {core_.failures.last_error(), true};
   }
   for (VeskJob* const job : jobs.jobs()) {
-    if (job->GetJobState() != JOB_STATE_DONE) return {limit, false};
+    // Whatever made the wait end: a job that has not ended is no success.
+    if (job->GetJobState() != JOB_STATE_DONE) return {limit != 0 ? limit : EAGAIN, false};
     if (Failed(job->GetReturnValue())) return {job->GetReturnValue(), true};
   }
   return {};

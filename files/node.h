@@ -155,9 +155,9 @@ class Node final : private CachedFile, private RangeOwner {
     DirtyLimit::Room room;
     std::optional<Wants::Want> want;
     std::uint64_t need_memory = 0;  // what it lacks for its next try
-    std::uint64_t wish_memory = 0;  // what it could use besides
-    std::uint64_t need_room = 0;
-    std::uint64_t rest_from = 0;  // bytes to fetch in other ranges
+    std::uint64_t wish_memory = 0;  // what it could use besides; of a read
+    std::uint64_t need_room = 0;    // of a write
+    std::uint64_t rest_from = 0;    // bytes to fetch in other ranges
     std::uint64_t rest_to = 0;
     unsigned repeats = 0;
     Turn::Holder turn;
