@@ -269,28 +269,5 @@ TEST_F(TurnTest, WaitsEndWhenTheyAreCalledOff) {
   mine_.Give();
 }
 
-// The first in the queue is called off while the turn is given: whatever comes first, the second
-// one is not left asleep.
-TEST_F(TurnTest, WhoGivesUpWhenItIsHisTurnLeavesItToTheNext) {
-  for (unsigned i = 0; i < 200; ++i) {
-    ASSERT_EQ(mine_.Take(this), 0);
-    Task first([&] {
-      Turn::Holder turn(turn_);
-      (void)turn.Take(&turn);
-    });
-    clock_.AwaitWaiters(1);
-    Task second([&] {
-      Turn::Holder turn(turn_);
-      EXPECT_EQ(turn.Take(&turn), 0);
-    });
-    clock_.AwaitWaiters(2);
-    Task canceller([&] { first.Cancel(); });
-    mine_.Give();
-    ASSERT_TRUE(first.Await());
-    ASSERT_TRUE(second.Await()) << "round " << i;
-    ASSERT_TRUE(canceller.Await());
-  }
-}
-
 }  // namespace
 }  // namespace vesk_test
