@@ -28,8 +28,7 @@ int Turn::Take(const void* who) {
   }
   Dequeue(&self);
   if (error == 0) owner_.store(who, std::memory_order_release);
-  changed_.WakeAll();
-  return error;
+  return error;  // nobody is woken: the next one has to wait for the owner, or for those who pass
 }
 
 void Turn::Give() {
