@@ -1378,6 +1378,36 @@ TEST_F(LimitsTest, AFileOutOfServiceHoldsNoMemory) {
   EXPECT_LE(world_.files().memory_peak(), 48 * kBlock + 10);
 }
 
+// The system's, which counts how often the calling thread waits.
+class CountingClock final : public vesk::Clock {
+ public:
+  inline static thread_local unsigned waits = 0;
+
+  Time Now() override { return System().Now(); }
+  void WaitUntil(vesk::Condition& condition, vesk::Mutex& mutex, Time until) override
+      VESK_REQUIRES(mutex) {
+    ++waits;
+    System().WaitUntil(condition, mutex, until);
+  }
+};
+
+// It is asked again and again to write out what it has, and each time it has nothing to give.
+TEST(OutOfServiceTest, WhoWaitsForMemoryBesideAFileOutOfServiceSleeps) {
+  CountingClock clock;
+  FileWorld world(FileWorld::Kind::kMemory, clock);
+  world.options.memory = 2 * kBlock;
+  for (const char* const name : {"a", "b"}) world.Put(name, FileWorld::Content(100 * kBlock));
+  Break(world.Open("a"));
+  FileHandle& file = world.Open("b");
+  world.script.Hold({vesk::kFaultRead});
+  file.Advise(vesk::Advice::kWillNeed, 0, 2 * kBlock);
+  EXPECT_EQ(world.script.held(), 2u);
+  CountingClock::waits = 0;
+  const RequestScope scope(world.In(milliseconds(30)));
+  EXPECT_EQ(FileWorld::Read(file, 10 * kBlock, 1, ETIMEDOUT), "");
+  EXPECT_GT(CountingClock::waits, 0u);
+}
+
 // Nobody has waited for what it held.
 TEST_F(LimitsTest, AFileOutOfServiceGivesItsMemoryBackWhenItIsClosed) {
   for (int round = 0; round < 3; ++round) {
