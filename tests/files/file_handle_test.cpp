@@ -338,6 +338,8 @@ TEST_P(FileHandleTest, AFileCannotGrowBeyondTheLargestOffset) {
   Write(file, "ab", kMaxSize + 1, EFBIG);
   Write(file, "ab", ~std::uint64_t{0}, EFBIG);
   Write(file, "ab", ~std::uint64_t{0} - 1, EFBIG);
+  Write(file, "", kMaxSize);
+  Write(file, "", kMaxSize + 1, EFBIG);
   EXPECT_EQ(file.Truncate(kMaxSize + 1).error(), EFBIG);
   EXPECT_EQ(file.Size(), 0u);
   Write(file, "ab", 0);
