@@ -77,6 +77,7 @@ void Change(io_uring_sqe& entry, const Entry& change) {
 
 extern "C" int io_uring_submit(io_uring* ring) {
   using vesk_test::script;
+  const vesk_test::SparedAllocations spared;
   const std::lock_guard<std::mutex> guard(script.mutex);
   ++script.calls;
   vesk_test::Submission submission;
