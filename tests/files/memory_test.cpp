@@ -352,6 +352,29 @@ TEST_F(MemoryTest, ReadAheadShrinksBeforeAnybodyWaits) {
   world_.script.Heal();
 }
 
+// At once, not only when it misses what could not be fetched ahead.
+TEST_F(MemoryTest, AWindowThatFindsTooLittleMemoryIsSmallerAtOnce) {
+  constexpr std::uint64_t kPages = 32;
+  Configure(world_, kPages);
+  world_.options.read_ahead = 8;
+  world_.options.dirty_soft = world_.options.dirty_hard = kPages * kPage;
+  FileHandle& file = Begin("file", 200);
+  FileHandle& other = Begin("other", 200);
+  HoldWrites();
+  ReadPage(file, 0);
+  EXPECT_EQ(file.GetStats().window, 8u * kPage);
+  // What was fetched ahead is dirty, the rest of the memory in flight: only the first page can go.
+  for (std::uint64_t page = 1; page <= 8; ++page) FileWorld::Write(file, PageOf('x'), page * kPage);
+  world_.script.Hold({vesk::kFaultRead, "other"});
+  other.Advise(Advice::kWillNeed, 0, kPages * kPage - world_.files().memory_used());
+  EXPECT_EQ(world_.files().memory_used(), kPages * kPage);
+  const std::uint64_t misses = file.GetStats().misses;
+  for (std::uint64_t page = 1; page <= 8; ++page) ReadPage(file, page);
+  EXPECT_EQ(file.GetStats().misses, misses);
+  EXPECT_LT(file.GetStats().window, 8u * kPage);
+  world_.script.Heal();
+}
+
 // Its blocks are evicted for the other one, and its ranges given up, while it goes.
 TEST_F(MemoryTest, AFileMayCloseWhileAnotherOneTakesItsMemory) {
   constexpr std::uint64_t kPages = 48;
