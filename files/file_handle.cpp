@@ -107,27 +107,24 @@ Status FileHandle::WriteAt(const struct iovec* parts, int count, std::uint64_t o
   return status;
 }
 
-Status FileHandle::Append(const void* source, std::size_t length, std::uint64_t* offset) {
+Status FileHandle::Append(const void* source, std::size_t length, std::uint64_t* offset,
+                          std::size_t* moved) {
   std::uint64_t at = 0;
-  std::size_t moved = 0;
-  if (!self_->CanWrite()) return self_->Report("append to", {EBADF, false});
-  self_->discarded = false;
+  std::size_t taken = 0;
   Status status = self_->Report(
-      "append to", WithMemory([&] {
-        return self_->node->Append(static_cast<const unsigned char*>(source), length, &at, &moved);
+      "append to", WithMemory([&]() -> Outcome {
+        if (!self_->CanWrite()) return {EBADF, false};
+        self_->discarded = false;
+        return self_->node->Append(static_cast<const unsigned char*>(source), length, &at, &taken);
       }));
   if (offset != nullptr) *offset = at;
+  if (moved != nullptr) *moved = taken;
   return status;
 }
 
 Status FileHandle::Flush() {
   if (self_->closed) return self_->Report("flush of", {EBADF, false});
-  return self_->Report("flush of", WithMemory([&]() -> Outcome {
-                         Node& node = *self_->node;
-                         node.StartWrites();
-                         if (node.broken()) return {EIO, false};
-                         return {node.failures().TakeNews(&self_->seen), true};
-                       }));
+  return self_->Report("flush of", WithMemory([&] { return self_->node->Flush(&self_->seen); }));
 }
 
 Status FileHandle::Sync() {

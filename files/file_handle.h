@@ -36,7 +36,8 @@ class ReadAhead;
 // And none of the last three says so while this handle has not been told of a write-back that
 // failed since it was opened. Each handle is told once, by the next of these calls; the bytes are
 // kept and tried again meanwhile, until the store takes them or Discard gives them up. After a
-// failure was told a later success means what it says above.
+// failure was told a later success means what it says above; but for bytes that had reached the
+// store before its sync failed, which the system may have dropped.
 //
 // Every request ends within the calling thread's limits (RequestScope): ETIMEDOUT, ECANCELED. A
 // WriteAt that ends in an error may have taken a part (`*moved`); nothing that was taken is lost.
@@ -68,8 +69,10 @@ class FileHandle {
   Status WriteAt(const struct iovec* parts, int count, std::uint64_t offset,
                  std::size_t* moved = nullptr);
 
-  // Writes at the end of the file, in one piece beside other writers; `*offset` tells where.
-  Status Append(const void* source, std::size_t length, std::uint64_t* offset = nullptr);
+  // Writes at the end of the file, in one piece beside other writers; `*offset` tells where, and
+  // `*moved` how much, also when it ends in an error.
+  Status Append(const void* source, std::size_t length, std::uint64_t* offset = nullptr,
+                std::size_t* moved = nullptr);
 
   Status Flush();
   Status Sync();

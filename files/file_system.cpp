@@ -10,6 +10,7 @@
 
 #include "files/file_handle_private.h"
 #include "files/file_system_private.h"
+#include "files/name_change.h"
 #include "runtime/request.h"
 #include "runtime/settings.h"
 #include "runtime/store.h"
@@ -49,10 +50,6 @@ Clock::Duration TendInterval(const FileSystemOptions& options) {
                                      std::chrono::seconds(1));
 }
 
-bool IsSameFile(const Node& node, const FileInfo& info) {
-  return info.inode != 0 && node.inode == info.inode && node.device == info.device;
-}
-
 // Bytes that became dirty a moment ago are left to their writer, who may be about to add to them.
 constexpr Clock::Duration kMoment = std::chrono::milliseconds(20);
 
@@ -76,10 +73,22 @@ FileSystem::Private::Private(const Services& file_services, Store& file_store,
   }
 }
 
+// Nothing here needs memory but to store what is left.
 FileSystem::Private::~Private() {
+  ticker_.reset();
   std::uint64_t left = 0;
-  for (const std::shared_ptr<Node>& node : Nodes()) {
-    const Node::Quiet quiet(*node, Node::Quiet::What::kDrained);
+  (void)SettleLate();
+  if (const std::unique_ptr<NameChange> late = TakeLate()) left = late->GiveUp();
+  std::vector<std::shared_ptr<Node>> nodes;
+  {
+    const MutexLock guard(mutex_);
+    nodes.swap(nodes_);
+  }
+  for (const std::shared_ptr<Node>& node : nodes) {
+    try {
+      const Node::Quiet quiet(*node, Node::Quiet::What::kDrained);
+    } catch (const std::bad_alloc&) {
+    }
     left += node->dirty();
   }
   if (left > 0) {
@@ -96,10 +105,12 @@ std::vector<std::shared_ptr<Node>> FileSystem::Private::Nodes() const {
 // ---- open and close ----
 
 // Finds or makes the file in the store.
-int FileSystem::Private::Examine(const std::string& name, const OpenOptions& open, FileInfo* info) {
+int FileSystem::Private::Examine(const std::string& name, const OpenOptions& open, FileInfo* info,
+                                 bool* made) {
   int error = store.Stat(name, info);
   if (error == ENOENT && open.create) {
     error = store.Create(name, open.permissions);
+    if (error == 0) *made = true;
     if (error == EEXIST && open.exclusive) return EEXIST;
     if (error == 0 || error == EEXIST) error = store.Stat(name, info);
   } else if (error == 0 && open.create && open.exclusive) {
@@ -119,22 +130,25 @@ std::shared_ptr<Node> FileSystem::Private::Find(const std::string& name,
   std::shared_ptr<Node> named;
   for (const std::shared_ptr<Node>& node : nodes_) {
     if (node->removed()) continue;
-    if (IsSameFile(*node, info)) return node;
+    if (node->Is(info)) return node;
     if (node->names.count(name) > 0) named = node;
   }
   return named;
 }
 
-// Null: `info` may be older than the last change that the file has met through a handle that is
-// closed by now.
+// Null: `info` may be older than a change of names, or than the last change that the file has met
+// through a handle that is closed by now.
 std::shared_ptr<Node> FileSystem::Private::Attach(const std::string& name, const FileInfo& info,
-                                                  std::uint64_t looked_at) {
+                                                  bool made, const Outdated& looked_at) {
   const MutexLock guard(mutex_);
+  if (looked_at.names != outdated_.names) return nullptr;
   std::shared_ptr<Node> node = Find(name, info);
   const bool is_new = node == nullptr;
   if (is_new) {
-    if (looked_at != outdated_) return nullptr;
+    if (looked_at.files != outdated_.files) return nullptr;
     node = std::make_shared<Node>(services, store, memory, dirty, options, name, info);
+  } else if (made || (info.inode != 0 && !node->Is(info))) {
+    node->Doubt();  // another file has taken its place
   }
   node->names.insert(name);
   if (is_new) nodes_.push_back(node);  // in the table at last: what follows needs no memory
@@ -144,15 +158,49 @@ std::shared_ptr<Node> FileSystem::Private::Attach(const std::string& name, const
   return node;
 }
 
-std::uint64_t FileSystem::Private::OutdatedSoFar() const {
+// A link to an open file may have become another file's name: then it is forgotten. Where the file
+// itself was replaced, all of its names lead to the new one.
+int FileSystem::Private::CheckLink(const std::string& name, const FileInfo& info) {
+  std::shared_ptr<Node> node;
+  {
+    const MutexLock guard(mutex_);
+    node = Find(name, info);
+  }
+  if (node == nullptr || node->Is(info) || node->name() == name) return 0;
+  FileInfo own;
+  const int error = store.Stat(node->name(), &own);
+  if (error != 0 && error != ENOENT) return error;
+  if (error == 0 && own.device == info.device && own.inode == info.inode) return 0;
+  const MutexLock guard(mutex_);
+  node->names.erase(name);
+  return 0;
+}
+
+FileSystem::Private::Outdated FileSystem::Private::OutdatedSoFar() const {
   const MutexLock guard(mutex_);
   return outdated_;
 }
 
-// Names are about to change, under their turn: an open that does not wait for its end looks again.
-void FileSystem::Private::Outdate() {
-  const MutexLock guard(mutex_);
-  ++outdated_;
+// The open file of that name, counted for one handle more.
+int FileSystem::Private::FindOrMake(const std::string& name, OpenOptions open,
+                                    std::shared_ptr<Node>* node) {
+  if (const int error = SettleLate()) return error;
+  Making making(*this);
+  if (open.exclusive) {
+    if (const int error = making.Begin()) return error;
+  }
+  bool made = false;
+  for (const bool makes = open.exclusive; *node == nullptr; open.exclusive = false) {
+    const Outdated looked_at = OutdatedSoFar();
+    if (!makes) {
+      if (const int error = names_.Pass()) return error;
+    }
+    FileInfo info;
+    if (const int error = Examine(name, open, &info, &made)) return error;
+    if (const int error = CheckLink(name, info)) return error;
+    *node = Attach(name, info, made, looked_at);
+  }
+  return 0;
 }
 
 Status FileSystem::Private::Open(const std::string& name, const OpenOptions& open,
@@ -162,13 +210,7 @@ Status FileSystem::Private::Open(const std::string& name, const OpenOptions& ope
     return {EINVAL, what + ": to create or truncate it needs to be opened for writing"};
   }
   std::shared_ptr<Node> node;
-  for (OpenOptions how = open; node == nullptr; how.exclusive = false) {
-    const std::uint64_t looked_at = OutdatedSoFar();
-    if (const int error = names_.Pass()) return {error, what};
-    FileInfo info;
-    if (const int error = Examine(name, how, &info)) return {error, what};
-    node = Attach(name, info, looked_at);
-  }
+  if (const int error = FindOrMake(name, open, &node)) return {error, what};
   // No more ahead than half of the memory: the other half holds what is being read.
   const auto block =
       static_cast<unsigned>(std::min<std::uint64_t>(options.block_size, options.memory));
@@ -206,7 +248,7 @@ Outcome FileSystem::Private::Close(Node& node, WriteFailures::Seen* seen) {
 }
 
 void FileSystem::Private::Drop(const Node& node) {
-  if (node.written()) ++outdated_;
+  if (node.written()) ++outdated_.files;
   nodes_.erase(std::find_if(nodes_.begin(), nodes_.end(),
                             [&node](const auto& other) { return other.get() == &node; }));
 }
@@ -225,134 +267,6 @@ void FileSystem::Private::DropIdle() {
   for (const std::shared_ptr<Node>& node : nodes) {
     if (node->handles == 0 && node->idle()) Drop(*node);
   }
-}
-
-// ---- names ----
-
-// The open file of that name; null: it is not open. An error: the store cannot tell.
-int FileSystem::Private::FindOpen(const std::string& name, std::shared_ptr<Node>* node) {
-  FileInfo info;
-  const int error = store.Stat(name, &info);
-  if (error != 0) return error == ENOENT ? 0 : error;
-  const MutexLock guard(mutex_);
-  *node = Find(name, info);
-  return 0;
-}
-
-// Another name than `gone` that leads to the file; empty: there is none that we know.
-int FileSystem::Private::OtherName(const Node& node, const std::string& gone, std::string* other) {
-  std::set<std::string> names;
-  {
-    const MutexLock guard(mutex_);
-    names = node.names;
-  }
-  names.erase(gone);
-  for (const std::string& name : names) {
-    FileInfo info;
-    const int error = store.Stat(name, &info);
-    if (error != 0 && error != ENOENT) return error;
-    const bool leads = error == 0 && (info.inode == 0 || IsSameFile(node, info));
-    if (leads && (other->empty() || name == node.name())) *other = name;
-  }
-  return 0;
-}
-
-// A file that is about to lose a name. What is on its way under that name must have arrived before:
-// afterwards the name may be another file's.
-class FileSystem::Private::Losing {
- public:
-  Losing(Private& files, std::shared_ptr<Node> node, std::string name)
-      : files_(files), node_(std::move(node)), name_(std::move(name)) {}
-
-  // 0: the name can go now.
-  int Prepare() {
-    if (node_ == nullptr) return 0;
-    if (const int error = files_.OtherName(*node_, name_, &other_)) return error;
-    quiet_.emplace(*node_,
-                   other_.empty() ? Node::Quiet::What::kStopped : Node::Quiet::What::kDrained);
-    return quiet_->outcome().error;
-  }
-
-  // The name has gone.
-  void Gone() {
-    if (node_ == nullptr) return;
-    {
-      const MutexLock guard(files_.mutex_);
-      node_->names.erase(name_);
-    }
-    FileInfo info;
-    // The other one may have been another way to write the name that has gone.
-    if (other_.empty() || files_.store.Stat(other_, &info) == ENOENT) {
-      node_->SetRemoved();
-    } else {
-      node_->SetName(other_);
-    }
-  }
-
-  void TakeOutOfService() {
-    if (node_ != nullptr) node_->TakeOutOfService();
-  }
-
- private:
-  Private& files_;
-  const std::shared_ptr<Node> node_;
-  const std::string name_;
-  std::string other_;
-  std::optional<Node::Quiet> quiet_;
-};
-
-Status FileSystem::Private::Rename(const std::string& from, const std::string& to) {
-  const std::string what = "renaming of '" + from + "' to '" + to + "'";
-  // One at a time: two that hold one file each could wait for the other's.
-  Turn::Holder turn(names_);
-  if (const int error = turn.Take(&turn)) return {error, what};
-  Outdate();
-  std::shared_ptr<Node> node;
-  std::shared_ptr<Node> replaced;
-  if (const int error = FindOpen(from, &node)) return {error, what};
-  if (const int error = FindOpen(to, &replaced)) return {error, what};
-  if (node == replaced) node = replaced = nullptr;  // two names of one file, which keep being so
-  std::optional<Node::Quiet> quiet;
-  if (node != nullptr) {
-    quiet.emplace(*node, Node::Quiet::What::kDrained);
-    if (const int error = quiet->outcome().error) return {error, what};
-  }
-  Losing losing(*this, std::move(replaced), to);
-  if (const int error = losing.Prepare()) return {error, what};
-  if (const int error = store.Rename(from, to)) return {error, what};
-  try {
-    losing.Gone();
-    if (node == nullptr) return {};
-    node->SetName(to);
-    const MutexLock guard(mutex_);
-    node->names.insert(to);
-    node->names.erase(from);
-  } catch (const std::bad_alloc&) {
-    // The store has done it, and the files do not know their names: everything of them is stored.
-    losing.TakeOutOfService();
-    if (node != nullptr) node->TakeOutOfService();
-    throw;
-  }
-  return {};
-}
-
-Status FileSystem::Private::Remove(const std::string& name) {
-  const std::string what = "removal of '" + name + "'";
-  Turn::Holder turn(names_);
-  if (const int error = turn.Take(&turn)) return {error, what};
-  Outdate();
-  std::shared_ptr<Node> node;
-  if (const int error = FindOpen(name, &node)) return {error, what};
-  Losing losing(*this, std::move(node), name);
-  if (const int error = losing.Prepare()) return {error, what};
-  if (const int error = store.Remove(name)) return {error, what};
-  try {
-    losing.Gone();
-  } catch (const std::bad_alloc&) {
-    losing.TakeOutOfService();  // as for Rename
-    throw;
-  }
-  return {};
 }
 
 // ---- all files ----
@@ -392,6 +306,7 @@ bool FileSystem::Private::NothingInFlight() const {
 }
 
 void FileSystem::Private::Tend() {
+  SettleAnswered();
   WriteOut(dirty.AboveSoft() ? std::min(kMoment, options.dirty_age) : options.dirty_age);
   try {
     DropIdle();

@@ -32,7 +32,8 @@ class FileSystem {
   FileSystem(const Services& services, Store& store, const FileSystemOptions& options = {});
 
   // Every file is flushed, as far as the calling thread's limits (RequestScope) allow. What cannot
-  // be stored by then keeps its memory, which jobs may still use; a line of the log says how much.
+  // be stored by then keeps its memory, which jobs may still use; a line of the log says how much,
+  // but for files that are out of service.
   //   Before   every handle is destroyed
   ~FileSystem();
   FileSystem(const FileSystem&) = delete;
@@ -46,8 +47,11 @@ class FileSystem {
 
   // Gives the file the name `to`, replacing what had it. An open file is flushed first, and its
   // handles go on with the new name. The handles of a replaced file end in ESTALE.
-  //   Ends in  ENOMEM: it may have taken place all the same; then the handles end in EIO, and the
-  //            files can be opened afresh when these are gone (so for Remove)
+  //   Ends in  ETIMEDOUT, ECANCELED: it goes on by itself, unless it waited for something else.
+  //   Until
+  //            its outcome is known, requests to these files and opens of any wait for that
+  //            ENOMEM: it may have taken place all the same; then the handles end in EIO, and the
+  //            files can be opened afresh when these are gone (both so for Remove)
   Status Rename(const std::string& from, const std::string& to);
 
   // The handles of an open file end in ESTALE afterwards; its unsaved bytes are given up.
@@ -57,7 +61,8 @@ class FileSystem {
   Status SyncAll();
 
   // One round of what the thread in the background does: writes out what is dirty and old, or
-  // beyond the limits. Waits for nothing.
+  // beyond the limits, and learns what came of a Rename or Remove that has outlasted its request.
+  // Waits for nothing but for what the store says of a name, a second at most.
   void Tend();
 
   FileStats GetStats() const;               // all open files together

@@ -45,28 +45,43 @@ struct FileSystem::Private {
  private:
   friend class Inspector;  // as Node's
 
-  int Examine(const std::string& name, const OpenOptions& options, FileInfo* info);
+  class Making;
+  class NameChange;
+
+  int Examine(const std::string& name, const OpenOptions& options, FileInfo* info, bool* made);
   std::shared_ptr<Node> Find(const std::string& name, const FileInfo& info) const
       VESK_REQUIRES(mutex_);
-  std::shared_ptr<Node> Attach(const std::string& name, const FileInfo& info,
-                               std::uint64_t looked_at);
-  std::uint64_t OutdatedSoFar() const;
-  void Outdate();
-  int FindOpen(const std::string& name, std::shared_ptr<Node>* node);
+  // What may make wrong what a Stat has told, by how often it has happened.
+  struct Outdated {
+    std::uint64_t names = 0;  // names began to change
+    std::uint64_t files = 0;  // a written file has left the table
+  };
+
+  std::shared_ptr<Node> Attach(const std::string& name, const FileInfo& info, bool made,
+                               const Outdated& looked_at);
+  int CheckLink(const std::string& name, const FileInfo& info);
+  Outdated OutdatedSoFar() const;
+  int FindOrMake(const std::string& name, OpenOptions open, std::shared_ptr<Node>* node);
+  std::shared_ptr<Node> FindOpen(const std::string& name, const FileInfo* info) const;
   int OtherName(const Node& node, const std::string& gone, std::string* other);
+  int AwaitMakers();
+  bool Conclude(std::unique_ptr<NameChange> change, int* error);
+  int CarryOut(std::unique_ptr<NameChange> change);
+  std::unique_ptr<NameChange> TakeLate();
+  int SettleLate();
+  void SettleAnswered();
   void Drop(const Node& node) VESK_REQUIRES(mutex_);
   void DropIdle();
   bool NothingInFlight() const;
 
-  class Losing;
-
   Turn names_;  // of Rename and Remove; taken before a file's
   mutable Mutex mutex_;
   std::vector<std::shared_ptr<Node>> nodes_ VESK_GUARDED_BY(mutex_);
-  // Times that what a Stat has told may have become wrong: a written file has left the table, or
-  // names began to change.
-  std::uint64_t outdated_ VESK_GUARDED_BY(mutex_) = 0;
-  std::unique_ptr<Ticker> ticker_;  // last: it uses all of the others
+  Outdated outdated_ VESK_GUARDED_BY(mutex_);
+  unsigned making_ VESK_GUARDED_BY(mutex_) = 0;  // exclusive opens under way
+  Condition made_;
+  std::unique_ptr<NameChange> late_ VESK_GUARDED_BY(mutex_);  // outlasts its request
+  std::unique_ptr<Ticker> ticker_;                            // last: it uses all of the others
 };
 
 }  // namespace vesk

@@ -27,6 +27,9 @@ constexpr std::size_t kMaxPiece = 1u << 30;
 // Times that a request repeats before it takes the file's turn.
 constexpr unsigned kPatience = 8;
 
+// Times that an Append asks how long the file is.
+constexpr int kLooks = 3;
+
 bool Failed(int result) { return result != 0 && result != RC_EOF; }
 
 }  // namespace
@@ -68,6 +71,7 @@ Node::~Node() {
   const MutexLock guard(mutex_);
   if (abandoned_) services_.retry->KeepAgain(name_);
   if (resize_ != nullptr) VeskJob::RefCountDec(resize_);
+  for (VeskJob* const job : late_syncs_) VeskJob::RefCountDec(job);
 }
 
 void Node::LeaveBudget() VESK_NO_THREAD_SAFETY_ANALYSIS {
@@ -562,17 +566,20 @@ void Node::FetchAhead(std::uint64_t from, std::uint64_t to, ReadAhead* ahead) {
   MemoryBudget::Reservation memory(core_.memory);
   memory.TakeUpTo(to - from);
   if (memory.bytes() < to - from && ahead != nullptr) ahead->Shrink();
-  while (from < to && memory.bytes() > 0) {
-    Range& range = Find(from);
-    const RangeLock guard(range.lock);
-    if (!range.Covers(from)) continue;
-    if (turn_.IsTakenFrom(nullptr) || Refusal() != 0) return;
-    range.Collect();
-    if (core_.broken) return;
-    if (DividedBefore(range, from)) continue;
-    const std::uint64_t reached = range.Fetch(from, to, memory);
-    if (reached == from) return;  // less memory than a block
-    from = reached;
+  try {
+    while (from < to && memory.bytes() > 0) {
+      Range& range = Find(from);
+      const RangeLock guard(range.lock);
+      if (!range.Covers(from)) continue;
+      if (turn_.IsTakenFrom(nullptr) || Refusal() != 0) return;
+      range.Collect();
+      if (core_.broken) return;
+      if (DividedBefore(range, from)) continue;
+      const std::uint64_t reached = range.Fetch(from, to, memory);
+      if (reached == from) return;  // less memory than a block
+      from = reached;
+    }
+  } catch (const std::bad_alloc&) {  // what is fetched ahead can be left
   }
 }
 
@@ -660,11 +667,13 @@ Outcome Node::Append(const unsigned char* source, std::size_t length, std::uint6
                      std::size_t* moved) {
   *moved = 0;
   Turn::Holder turn(turn_);
+  // The size may be in doubt since the look, which needs the turn; the store need not know better.
+  int looks = 0;
   do {
     turn.Give();
     if (const int error = CheckIfDue()) return {error, false};
     if (const int error = turn.Take(&turn)) return {error, false};
-  } while (resizing_);  // since the look, which needs the turn
+  } while (resizing_ || (core_.suspicious && ++looks < kLooks));
   // Whoever was about to make the file longer wrote a piece of at most a block that begins here or
   // later.
   const std::uint64_t size = core_.size;
@@ -679,8 +688,35 @@ void Node::StartWrites(Clock::Time before, bool asked_for) {
   if (core_.broken) return LeaveAccounts();
   ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
     range.Collect();
-    if (!core_.broken && !stopped_) range.StartWrites(before, asked_for);
+    if (core_.broken) return;
+    if (stopped_) {
+      if (asked_for) put_off_ = true;
+    } else {
+      range.StartWrites(before, asked_for);
+    }
   });
+}
+
+// Starts every write and lists it, under one hold of its range's lock: it could end, and fail,
+// before a later look. While the file is about to be removed none sets out: returns when they have
+// after all, or it is removed.
+int Node::StartAll(JobList* jobs) {
+  if (core_.broken) LeaveAccounts();
+  for (;;) {
+    bool all = true;
+    ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
+      range.Collect();
+      if (core_.broken) return;
+      if (stopped_) {
+        all = false;
+      } else {
+        range.StartWrites(Clock::kNever, true);
+      }
+      range.ListJobs(false, jobs);
+    });
+    if (all || removed_) return 0;
+    if (const int limit = turn_.Pass()) return limit;  // who removes it has the turn
+  }
 }
 
 void Node::LeaveAccounts() {
@@ -708,14 +744,21 @@ void Node::AwaitJobs(const JobList& jobs, std::uint64_t before) {
   Reap();
 }
 
+Outcome Node::Flush(WriteFailures::Seen* seen) {
+  TakeLateSyncs();
+  StartWrites();
+  if (core_.broken) return {EIO, false};
+  return {core_.failures.TakeNews(seen), true};
+}
+
 // A failure that came since the beginning may have been a job's that was not in the list any more,
 // and told to another thread that uses the same handle.
 Outcome Node::Drain(WriteFailures::Seen* seen) {
-  if (removed_) return {};
+  TakeLateSyncs();
   const std::uint64_t before = *seen;
-  StartWrites();
   JobList jobs;
-  ListJobs(false, &jobs);
+  if (const int error = StartAll(&jobs)) return {error, false};
+  if (removed_) return {};
   AwaitJobs(jobs, before);
   const int limit = RequestScope::Exceeded(services_.clock);
   if (core_.broken) return {EIO, false};
@@ -763,28 +806,64 @@ int Node::StopAll() {
   }
 }
 
-// Calls `work` with the file's name; again when it has got another one meanwhile.
+// Calls `work` with the file's name; again when that may have been another file's meanwhile.
 //   Before   the calling thread does not have the turn
 template <typename Work>
 int Node::ByName(const Work& work) {
   for (;;) {
-    const std::string name = this->name();
-    const int error = work(name);
-    if (error != ENOENT) return error;
-    if (const int limit = turn_.Pass()) return limit;  // who renames it has the turn
-    if (this->name() == name) return error;
+    const std::uint64_t renamings = renamings_;
+    const int error = work(name());
+    if (renamings % 2 == 0 && renamings_ == renamings) return error;
+    if (const int limit = turn_.Pass()) return limit;  // who changes it has the turn
   }
+}
+
+// Has the store make its file durable. A job that outlasts the calling thread's limits is kept: it
+// may fail yet, and systems tell only once that bytes are lost.
+int Node::SyncStore(const std::string& name) {
+  std::list<VeskJob*> entry(1);  // beforehand: to keep it needs no memory
+  VeskJob* const job = entry.front() = NewNameJob(OPCODE_SYNC, name);
+  services_.bundler.SubmitJob(job);
+  services_.bundler.WaitForJob(job, nullptr, "Sync");
+  if (job->GetJobState() == JOB_STATE_DONE) return TakeSync(job);
+  const MutexLock guard(mutex_);
+  late_syncs_.splice(late_syncs_.end(), entry);
+  return RequestScope::Exceeded(services_.clock);
+}
+
+// Others' bytes may be lost as well.
+int Node::TakeSync(VeskJob* job) {
+  const int error = job->GetReturnValue();
+  VeskJob::RefCountDec(job);
+  if (error != 0 && error != ENOENT) core_.failures.Note(error);
+  return error;
+}
+
+void Node::TakeLateSyncs() {
+  std::list<VeskJob*> ended;
+  {
+    const MutexLock guard(mutex_);
+    for (auto next = late_syncs_.begin(); next != late_syncs_.end();) {
+      const auto job = next++;
+      if ((*job)->GetJobState() == JOB_STATE_DONE) ended.splice(ended.end(), late_syncs_, job);
+    }
+  }
+  for (VeskJob* const job : ended) (void)TakeSync(job);  // who hears of it may want the mutex
 }
 
 Outcome Node::Sync(WriteFailures::Seen* seen) {
   const Outcome drained = Drain(seen);
   if (drained.error != 0) return drained;
   if (removed_) return {ESTALE, false};
-  const int error = ByName([this](const std::string& name) { return store_.Sync(name); });
-  if (error == 0) return {core_.broken ? EIO : 0, false};
-  if (error == RequestScope::Exceeded(services_.clock)) return {error, false};
-  core_.failures.Note(error);  // others' bytes may be lost as well
-  (void)core_.failures.TakeNews(seen);
+  const int error = ByName([this](const std::string& name) { return SyncStore(name); });
+  if (core_.broken) return {EIO, false};
+  if (error == ENOENT) {
+    if (removed_) return {ESTALE, false};
+    core_.failures.Note(error);
+  }
+  // Systems tell one sync of lost bytes: a success of another one at that time means nothing.
+  TakeLateSyncs();
+  if (const int told = core_.failures.TakeNews(seen)) return {told, told != error};
   return {error, false};
 }
 
@@ -853,9 +932,12 @@ int Node::AwaitResize() {
   return ended ? 0 : RequestScope::Exceeded(services_.clock);
 }
 
+// How long the file is now is the store's to say.
 void Node::Discard() {
   if (services_.retry != nullptr) Abandon();
   GiveUpUnsaved();
+  freshness_ = Freshness::kUnknown;
+  Doubt();
 }
 
 void Node::GiveUpUnsaved() {
@@ -868,10 +950,13 @@ void Node::GiveUpUnsaved() {
 // Without a range's lock: it ends jobs, and whoever is told of an end may want the lock. Later
 // failures are not kept by the runtime any more, but by this file.
 void Node::Abandon() {
-  const std::string name = this->name();
-  services_.retry->Abandon(name);
-  const MutexLock guard(mutex_);
-  if (std::exchange(abandoned_, true)) services_.retry->KeepAgain(name);
+  for (bool renamed = true; renamed;) {
+    const std::string name = this->name();
+    services_.retry->Abandon(name);
+    const MutexLock guard(mutex_);
+    renamed = name != name_;  // in between: nobody else ends what was begun for that name
+    if (renamed || std::exchange(abandoned_, true)) services_.retry->KeepAgain(name);
+  }
 }
 
 Node::Quiet::Quiet(Node& node) : node_(node), turn_(node.turn_) {
@@ -887,7 +972,9 @@ Node::Quiet::Quiet(Node& node, What what) : Quiet(node) {
 }
 
 Node::Quiet::~Quiet() {
-  if (turn_.has()) node_.stopped_ = false;
+  if (!turn_.has()) return;
+  node_.stopped_ = false;
+  if (node_.put_off_.exchange(false) && !node_.removed_) node_.StartWrites();
 }
 
 void Node::SetName(const std::string& name) {
@@ -959,8 +1046,9 @@ void Node::Look() {
   const int error = See(&sight, false);
   // A suspicion holds until it is known what the store's file is.
   const bool over = RequestScope::Exceeded(services_.clock) != 0;
-  if ((over || error != 0) && was_suspicious) core_.suspicious = true;
+  if ((over || error != 0) && was_suspicious) Doubt();
   if (over) return;  // this request's end, not the store's
+  if (sight.hasty) return RenewAll();
   Learn(error, sight, was_suspicious);
   checked_at_ = WallSeconds();
 }
@@ -968,13 +1056,25 @@ void Node::Look() {
 // What the store says of its file now. `alone`: the calling thread has the turn, and the file keeps
 // its name.
 int Node::See(Sight* sight, bool alone) {
-  const RequestScope scope({services_.clock.Now() + options_.check_patience, nullptr});
+  const Clock::Time now = services_.clock.Now();
+  const Clock::Time patience = now + options_.check_patience;
+  const Clock::Time until = std::min(patience, HalfOfTheRest(now));
+  const RequestScope scope({until, nullptr});
   const bool was_quiet = core_.written == 0;
   sight->writes = core_.own_writes;
   const auto stat = [&](const std::string& name) { return store_.Stat(name, &sight->info); };
   const int error = alone ? stat(name()) : ByName(stat);
   sight->quiet = was_quiet && core_.written == 0 && core_.own_writes == sight->writes;
+  sight->hasty = error == ETIMEDOUT && until < patience && services_.clock.Now() >= until;
   return error;
+}
+
+// A request that can be served without an answer keeps half of its time for that.
+Clock::Time Node::HalfOfTheRest(Clock::Time now) const {
+  const RequestLimits* const limits = RequestScope::Current();
+  const bool needs_answer = options_.when_unknown == UnknownPolicy::kFail;
+  if (needs_answer || limits == nullptr || limits->deadline == Clock::kNever) return Clock::kNever;
+  return now + (limits->deadline - now) / 2;
 }
 
 void Node::Learn(int error, Sight& sight, bool was_suspicious) {

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -62,6 +63,9 @@ class Node final : private CachedFile, private RangeOwner {
   // that `seen` has not been told of.
   Outcome Drain(WriteFailures::Seen* seen);
 
+  // Starts to write what is dirty, and tells of write-backs that have failed.
+  Outcome Flush(WriteFailures::Seen* seen);
+
   // Drain, then has the store make it durable.
   Outcome Sync(WriteFailures::Seen* seen);
 
@@ -102,12 +106,28 @@ class Node final : private CachedFile, private RangeOwner {
   //   Before   the calling thread holds a Quiet
   void SetName(const std::string& name);
 
+  // While one lives the file's name may be another file's.
+  //   Before   the calling thread holds a Quiet
+  class Renaming {
+   public:
+    explicit Renaming(Node& node) : node_(node) { ++node_.renamings_; }
+    ~Renaming() { ++node_.renamings_; }
+    Renaming(const Renaming&) = delete;
+    Renaming& operator=(const Renaming&) = delete;
+
+   private:
+    Node& node_;
+  };
+
   // No name leads to it any more.
   //   Before   the calling thread holds a Quiet
   void SetRemoved();
 
-  // Every later request ends in EIO.
-  //   Before   nothing is dirty or in flight
+  // The next request looks at the store's file before it believes what is cached.
+  void Doubt() { core_.suspicious = true; }
+
+  // Every later request ends in EIO, and what is dirty is lost.
+  //   Before   nothing is in flight
   void TakeOutOfService() { core_.broken = true; }
 
   // ---- what is known ----
@@ -128,6 +148,9 @@ class Node final : private CachedFile, private RangeOwner {
   std::set<std::string> names;
   dev_t device;
   ino_t inode;
+  bool Is(const FileInfo& info) const {
+    return info.inode != 0 && inode == info.inode && device == info.device;
+  }
 
  private:
   friend class Inspector;  // a simulation looks at what is inside
@@ -219,6 +242,10 @@ class Node final : private CachedFile, private RangeOwner {
   void ForEach(const std::vector<Range*>& ranges, const Work& work) const;
   void Barrier(std::uint64_t from = 0);
   void StartWrites(Clock::Time before, bool asked_for);
+  int StartAll(JobList* jobs);
+  int SyncStore(const std::string& name);
+  int TakeSync(VeskJob* job);
+  void TakeLateSyncs();
   void LeaveAccounts();
   void ListJobs(bool reads, JobList* jobs) const;
   void AwaitJobs(const JobList& jobs, std::uint64_t before);
@@ -253,9 +280,11 @@ class Node final : private CachedFile, private RangeOwner {
   struct Sight {
     FileInfo info;
     bool quiet = false;
+    bool hasty = false;        // no answer, for want of the request's time: says nothing
     std::uint64_t writes = 0;  // FileCore::own_writes before
   };
   int See(Sight* sight, bool alone);
+  Clock::Time HalfOfTheRest(Clock::Time now) const;
   void Learn(int error, Sight& sight, bool was_suspicious);
   bool IsChanged(const Sight& sight) const;
   bool Forget(Sight* sight);
@@ -268,8 +297,10 @@ class Node final : private CachedFile, private RangeOwner {
   Turn turn_;
 
   std::atomic<bool> removed_{false};
-  std::atomic<bool> resizing_{false};  // as resize_
-  std::atomic<bool> stopped_{false};   // no write sets out
+  std::atomic<bool> resizing_{false};        // as resize_
+  std::atomic<bool> stopped_{false};         // no write sets out
+  std::atomic<bool> put_off_{false};         // one should have, meanwhile
+  std::atomic<std::uint64_t> renamings_{0};  // begun and ended; odd: one is under way
   std::atomic<std::uint64_t> turns_{0};
   std::atomic<std::uint64_t> repeats_{0};
 
@@ -288,7 +319,8 @@ class Node final : private CachedFile, private RangeOwner {
   bool checking_ VESK_GUARDED_BY(mutex_) = false;
   bool abandoned_ VESK_GUARDED_BY(mutex_) = false;
   VeskJob* resize_ VESK_GUARDED_BY(mutex_) = nullptr;  // that outlasts its request; one reference
-  FileInfo known_ VESK_GUARDED_BY(mutex_);             // of the store's file, when last looked at
+  std::list<VeskJob*> late_syncs_ VESK_GUARDED_BY(mutex_);  // likewise
+  FileInfo known_ VESK_GUARDED_BY(mutex_);  // of the store's file, when last looked at
   std::uint64_t known_writes_ VESK_GUARDED_BY(mutex_) = 0;  // own_writes at that time
 
   // Where a range was last found, by offset; it is looked at again under the range's lock.

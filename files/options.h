@@ -51,7 +51,7 @@ enum class Advice {
   kNormal,      // read ahead of what looks sequential
   kSequential,  // twice as far, and from the first request on
   kRandom,      // never
-  kWillNeed,    // fetch the range now, as far as memory is free
+  kWillNeed,    // fetch the range now, as far as clean blocks make room
   kDontNeed,    // drop the range, but for what is not in the store yet
 };
 

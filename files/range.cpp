@@ -39,9 +39,9 @@ bool IsIdleAndClean(const VeskBuffer& block) { return Is(block, VeskBuffer::VALI
 // checker tells of other leaks only.
 void LeaveInMemory(std::unique_ptr<VeskStream> stream) {
   static Mutex mutex;
-  static auto* const left = new std::vector<std::unique_ptr<VeskStream>>;
   const MutexLock guard(mutex);
   try {
+    static auto* const left = new std::vector<std::unique_ptr<VeskStream>>;
     left->push_back(nullptr);
     left->back() = std::move(stream);
   } catch (const std::bad_alloc&) {
@@ -406,8 +406,8 @@ void Range::FillGap(const Use& use) {
 // still there: it is dirty as before, until a later write succeeds or its owner gives it up.
 bool Range::TakeWritten(Use& use, int error) {
   VeskBuffer& block = *use.block;
+  ++core_.own_writes;  // one that has failed may have changed the store's file as well
   if (error == 0) {
-    ++core_.own_writes;
     Raise(&core_.stored_size, DataEnd(block));
     if (core_.failures.count() > 0) core_.failures.Succeeded(block.off);
     use.dropped = false;

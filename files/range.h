@@ -90,7 +90,7 @@ struct FileCore {
   std::atomic<std::uint64_t> stored_size{0};  // that the store's file has at least
   std::atomic<bool> broken{false};            // a check failed: no stream is used any more
   std::atomic<bool> suspicious{false};        // the store's file seems shorter than it was
-  std::atomic<std::uint64_t> own_writes{0};   // write-backs that have ended well
+  std::atomic<std::uint64_t> own_writes{0};   // write-backs that have ended, well or not
 
   WriteFailures failures;
   Wants wants;

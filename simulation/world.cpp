@@ -234,6 +234,7 @@ auto World::Calling(const Work& work) {
 // Everything runs, nothing fails, and time goes by where all wait for it.
 void World::Settle(const std::function<bool()>& reached, const char* what) {
   const Fibers::Time watchdog = fibers_.now + kPatience;
+  unsigned tended = 0;  // its owner does that now and then, where no thread in the background does
   for (unsigned round = 0; round < kRounds && fibers_.now <= watchdog; ++round) {
     if (reached() || !failure_.empty()) return;
     const std::vector<Fibers::Id> runnable = fibers_.Runnable();
@@ -245,6 +246,8 @@ void World::Settle(const std::function<bool()>& reached, const char* what) {
       StartEnd(0, Ending::kWell, 0);
     } else if (fibers_.NextTime() != Fibers::kNever) {
       fibers_.now = std::max(fibers_.now, fibers_.NextTime());
+    } else if (machine_ != nullptr && tended++ < 3) {
+      fibers_.Start([this] { machine_->files->Tend(); }, "Tend");
     } else {
       break;
     }
@@ -499,6 +502,7 @@ void World::GiveUp() {
   for (const std::unique_ptr<Client>& client : clients_) {
     if (client->handle != nullptr) client->handle->Discard();
   }
+  machine_->files->Tend();
 }
 
 // ---- requests ----

@@ -473,6 +473,68 @@ TEST_P(DurabilityTest, AFailedSyncOfTheStoreIsToldToEveryHandleOnce) {
   EXPECT_TRUE(two.Close().ok());
 }
 
+// Systems report lost bytes once: whoever hears of them afterwards hears of them here.
+TEST_P(DurabilityTest, ASyncOfTheStoreThatFailsAfterItsRequestIsToldToEveryHandleOnce) {
+  FileHandle& one = world_.Open("a");
+  FileHandle& two = world_.Open("a");
+  World::Write(one, "bytes", 0);
+  world_.script.Hold({vesk::kFaultSync}, 1);
+  Task syncing([&] { EXPECT_EQ(one.Sync().error(), ECANCELED); });
+  world_.script.AwaitHeld(1);
+  syncing.Cancel();
+  EXPECT_TRUE(syncing.Await());
+  world_.script.EndHeld(EIO);
+  for (FileHandle* const file : {&one, &two}) {
+    EXPECT_EQ(Sync(*file), EIO);
+    EXPECT_EQ(Sync(*file), 0) << "told";
+  }
+  EXPECT_EQ(one.GetStats().last_error, EIO);
+}
+
+TEST_P(DurabilityTest, ASyncOfTheStoreThatEndsWellAfterItsRequestIsNoFailure) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "bytes", 0);
+  for (const bool ended : {false, true}) {
+    world_.script.Hold({vesk::kFaultSync}, 1);
+    Task syncing([&] { EXPECT_EQ(file.Sync().error(), ECANCELED); });
+    world_.script.AwaitHeld(1);
+    syncing.Cancel();
+    EXPECT_TRUE(syncing.Await());
+    if (ended) world_.script.EndOne(0, 0);
+    EXPECT_EQ(Sync(file), 0) << "it does not wait for the other one";
+    world_.script.Heal();
+  }
+  EXPECT_EQ(file.GetStats().last_error, 0);
+}
+
+// Though its error has the number of the request's own limits, which are over as well.
+TEST_P(DurabilityTest, ASyncThatTheStoreEndsWithItsOwnTimeoutHasFailed) {
+  FileHandle& one = world_.Open("a");
+  FileHandle& two = world_.Open("a");
+  world_.script.Fail({vesk::kFaultSync}, ETIMEDOUT, 1);
+  EXPECT_EQ(Sync(one, milliseconds(0)), ETIMEDOUT);
+  EXPECT_EQ(Sync(two), ETIMEDOUT) << "its bytes may be lost as well";
+  EXPECT_EQ(Sync(two), 0);
+}
+
+// Both wait for the store, which tells only one of them.
+TEST_P(DurabilityTest, ASyncIsNoSuccessWhenAnotherOneIsToldMeanwhileThatBytesAreLost) {
+  FileHandle& one = world_.Open("a");
+  FileHandle& two = world_.Open("a");
+  World::Write(two, "bytes", 0);
+  world_.script.Hold({vesk::kFaultSync}, 2);
+  Task first([&] { EXPECT_EQ(one.Sync().error(), EIO); });
+  world_.script.AwaitHeld(1);
+  Task second([&] { EXPECT_EQ(two.Sync().error(), EIO); });
+  world_.script.AwaitHeld(2);
+  world_.script.EndOne(0, EIO);
+  EXPECT_TRUE(first.Await());
+  world_.script.EndOne(0, 0);
+  EXPECT_TRUE(second.Await());
+  EXPECT_EQ(Sync(one), 0) << "told";
+  EXPECT_EQ(Sync(two), 0) << "told";
+}
+
 TEST_P(DurabilityTest, AListenerHearsOfEachFailureAtOnceUntilItsHandleIsGone) {
   std::atomic<int> heard{0};
   FileHandle& other = world_.Open("a");
@@ -765,6 +827,85 @@ TEST(ParkedWriteTest, ASyncIsNotOverBecauseARemovalThatFailsHasEndedItsWrites) {
   world.script.Heal();
   EXPECT_TRUE(file.Close().ok());
   EXPECT_EQ(world.Stored("a"), "bytes");
+}
+
+// Whether the file stays is not known before, and nothing of it sets out until then.
+TEST(HeldWriteTest, NothingIsStoredBesideARemovalBeforeItHasFailed) {
+  for (const bool replacing : {false, true}) {
+    ManualClock clock;
+    FileWorld world(FileWorld::Kind::kMemoryNoRetry, clock);
+    world.Put("other", "other");
+    FileHandle& file = world.Open("a");
+    FileHandle& closes = world.Open("a");
+    FileWorld::Write(file, "bytes", 0);
+    world.script.Hold({vesk::kFaultRemove | vesk::kFaultRename}, 1);
+    Task removing([&] {
+      const Status status =
+          replacing ? world.files().Rename("other", "a") : world.files().Remove("a");
+      EXPECT_EQ(status.error(), EACCES);
+    });
+    world.script.AwaitHeld(1);
+    const auto expect_stored = [&](const Status& status) {
+      EXPECT_TRUE(status.ok()) << status.Message();
+      EXPECT_EQ(world.Stored("a"), "bytes");
+    };
+    Task syncing([&] { expect_stored(file.Sync()); });
+    Task syncing_all([&] { expect_stored(world.files().SyncAll()); });
+    Task closing([&] { expect_stored(closes.Close()); });
+    clock.AwaitWaiters(4);
+    EXPECT_FALSE(syncing.Ended() || syncing_all.Ended() || closing.Ended());
+    world.script.EndHeld(EACCES);
+    EXPECT_TRUE(removing.Await());
+    EXPECT_TRUE(syncing.Await());
+    EXPECT_TRUE(syncing_all.Await());
+    EXPECT_TRUE(closing.Await());
+  }
+}
+
+TEST(HeldWriteTest, ASyncBesideARemovalThatTakesPlaceIsNoSuccess) {
+  ManualClock clock;
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry, clock);
+  FileHandle& file = world.Open("a");
+  FileWorld::Write(file, "never", 0);
+  world.script.Hold({vesk::kFaultRemove});
+  Task removing([&] { EXPECT_TRUE(world.files().Remove("a").ok()); });
+  world.script.AwaitHeld(1);
+  Task syncing([&] { EXPECT_EQ(file.Sync().error(), ESTALE); });
+  clock.AwaitWaiters(2);
+  world.script.Heal();
+  EXPECT_TRUE(removing.Await());
+  EXPECT_TRUE(syncing.Await());
+  EXPECT_EQ(world.Stored("a"), "(no file)");
+}
+
+// Its error was told before, so that no count of failures gives it away: it is parked when the sync
+// comes to its range, and collected when the sync comes to the next one.
+TEST(ParkedWriteTest, ASyncIsNoSuccessWhenAFailingWriteIsGivenUpWhileItStartsOthers) {
+  FileWorld world;
+  world.settings.retry_first_delay_ms = 3600 * 1000;  // no write is tried again by itself
+  world.settings.retry_longest_delay_ms = 3600 * 1000;
+  std::atomic<bool> armed{false};
+  world.script.Meet({vesk::kFaultWrite}, [&] {
+    if (!armed.exchange(false)) return;
+    EXPECT_EQ(world.retry->Discard("a"), 1u);  // as when it has been parked for too long
+    EXPECT_TRUE(FileWorld::Await([&] { return world.files().GetStats().in_flight == kBlock; }));
+  });
+  FileHandle& file = world.Open("a");
+  constexpr std::uint64_t kLast = 39 * 2 * kBlock;
+  for (std::uint64_t at = 0; at <= kLast; at += 2 * kBlock) {
+    FileWorld::Write(file, std::string(kBlock, 'o'), at);
+  }
+  ASSERT_TRUE(file.Sync().ok());
+  ASSERT_GE(file.GetStats().streams, 2u);
+  world.script.Fail({vesk::kFaultWrite}, EIO, 1);
+  FileWorld::Write(file, "lower", 0);
+  EXPECT_EQ(file.Sync().error(), EIO);
+  FileWorld::Write(file, "upper", kLast);
+  armed = true;
+  EXPECT_EQ(file.Sync().error(), EIO);
+  EXPECT_FALSE(armed) << "nothing was given up";
+  EXPECT_TRUE(FileWorld::Await([&] { return file.Sync().ok(); }));
+  EXPECT_EQ(world.Stored("a").substr(0, 5), "lower");
 }
 
 // Parked and held writes go by name: none may arrive in a file that has the name later.

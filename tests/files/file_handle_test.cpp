@@ -20,6 +20,7 @@
 
 #include "tests/files/file_world.h"
 #include "tests/support/allocation.h"
+#include "tests/support/manual_clock.h"
 #include "tests/support/task.h"
 #include "tests/support/temporary_directory.h"
 
@@ -1093,6 +1094,31 @@ TEST_F(LimitsTest, WhileATruncateThatOutlastedItsTimeIsOnItsWayNothingIsDoneWith
   EXPECT_EQ(world_.Stored("c"), content_.substr(0, 10));
 }
 
+// Who had the turn before it has waited for the truncate, and has not asked what the file is now.
+TEST(LateTruncateTest, AnAppendBehindAnotherRequestThatHasWaitedForItGoesToTheNewEnd) {
+  ManualClock clock;
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry, clock);
+  world.Put("a", std::string(1000, 'o'));
+  FileHandle& file = world.Open("a");
+  world.script.Hold({vesk::kFaultTruncate}, 1);
+  Task cutting([&] { EXPECT_EQ(file.Truncate(0).error(), ECANCELED); });
+  world.script.AwaitHeld(1);
+  clock.AwaitWaiters(1);
+  Task renaming([&] { EXPECT_TRUE(world.files().Rename("a", "b").ok()); });
+  clock.AwaitWaiters(2);
+  std::uint64_t at = 99;
+  Task appending([&] { EXPECT_TRUE(file.Append("tail", 4, &at).ok()); });
+  clock.AwaitWaiters(3);
+  cutting.Cancel();
+  EXPECT_TRUE(cutting.Await());
+  world.script.Heal();
+  EXPECT_TRUE(renaming.Await());
+  EXPECT_TRUE(appending.Await());
+  EXPECT_EQ(at, 0u);
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_EQ(world.Stored("b"), "tail");
+}
+
 TEST_F(LimitsTest, OpenRenameAndRemoveEndInTime) {
   FileHandle& file = world_.Open("a");
   for (const auto operation : {vesk::kFaultStat, vesk::kFaultOpen}) {
@@ -1153,6 +1179,33 @@ TEST_F(LimitsTest, AWriteThatWaitsForTheDirtyLimitEndsInTime) {
   FileWorld::Write(other, "x", 0);
   EXPECT_TRUE(other.Close().ok());
   EXPECT_EQ(world_.Stored("b")[0], 'x');
+}
+
+// Otherwise nobody knew what of it to append again.
+TEST_F(LimitsTest, AnAppendTellsHowMuchItHasAppendedHoweverItEnds) {
+  world_.options.dirty_soft = world_.options.dirty_hard = 4 * kBlock;
+  FileHandle& file = world_.Open("new");
+  const std::string bytes = FileWorld::Content(10 * kBlock);
+  std::uint64_t at = 99;
+  std::size_t moved = 99;
+  world_.script.Hold({vesk::kFaultWrite});
+  Task appending(
+      [&] { EXPECT_EQ(file.Append(bytes.data(), bytes.size(), &at, &moved).error(), ECANCELED); });
+  EXPECT_TRUE(FileWorld::Await([&] { return file.Size() == 4 * kBlock; }));
+  appending.Cancel();
+  EXPECT_TRUE(appending.Await());
+  EXPECT_EQ(at, 0u);
+  EXPECT_EQ(moved, 4 * kBlock);
+  EXPECT_EQ(file.Size(), moved);
+  world_.script.Heal();
+  std::size_t rest = 99;
+  EXPECT_TRUE(file.Append(bytes.data() + moved, bytes.size() - moved, &at, &rest).ok());
+  EXPECT_EQ(at, moved);
+  EXPECT_EQ(rest, bytes.size() - moved);
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_EQ(world_.Stored("new"), bytes);
+  EXPECT_EQ(file.Append("x", 1, nullptr, &moved).error(), EBADF);
+  EXPECT_EQ(moved, 0u);
 }
 
 TEST_F(LimitsTest, ARequestThatWaitsForTheTurnEndsInTime) {
@@ -1409,6 +1462,24 @@ TEST(OutOfServiceTest, WhoWaitsForMemoryBesideAFileOutOfServiceSleeps) {
   EXPECT_GT(CountingClock::waits, 0u);
 }
 
+// What it holds is left as it is, for which a process of its own has found no place yet.
+TEST_F(LimitsTest, AFileOutOfServiceIsClosedWithoutMemory) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_EXIT(
+      {
+        std::unique_ptr<FileHandle> file;
+        (void)world_.files().Open("a", FileWorld::Writing(), &file);
+        FileWorld::Write(*file, "bytes", 0);
+        Break(*file);
+        {
+          const FailingAllocation failing(1, true);
+          file.reset();
+        }
+        _exit(world_.files().GetFiles().empty() ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
 // Nobody has waited for what it held.
 TEST_F(LimitsTest, AFileOutOfServiceGivesItsMemoryBackWhenItIsClosed) {
   for (int round = 0; round < 3; ++round) {
@@ -1565,6 +1636,39 @@ TEST_F(LimitsTest, ARemovalWithoutMemoryHoldsUpNobody) {
     }
     EXPECT_EQ(world_.files().memory_used(), 0u);
   }
+}
+
+// The bytes were there; that others could not be fetched ahead is no concern of the reader's.
+TEST_F(LimitsTest, AReadThatIsServedDoesNotFailForWantOfMemoryToReadAhead) {
+  world_.options.read_ahead = 8;
+  unsigned served = 0;
+  for (long nth = 1; nth <= 3; ++nth) {
+    SCOPED_TRACE(nth);
+    FileHandle& file = world_.Open("a");
+    EXPECT_TRUE(FileWorld::Read(file, 0, kBlock) == content_.substr(0, kBlock));
+    for (std::uint64_t at = kBlock; at < content_.size() && !file.Broken(); at += kBlock) {
+      EXPECT_TRUE(FileWorld::Await([&] { return file.GetStats().in_flight == 0; }));
+      const std::uint64_t misses = file.GetStats().misses;
+      std::string bytes(kBlock, '?');
+      std::size_t moved = 0;
+      Status status;
+      bool fired = false;
+      {
+        const FailingAllocation failing(nth);
+        status = file.ReadAt(bytes.data(), bytes.size(), at, &moved);
+        fired = failing.Fired();
+      }
+      if (file.Broken()) break;  // a failed check, and what that means has its own test
+      EXPECT_TRUE(FileWorld::Read(file, at, kBlock) == content_.substr(at, kBlock));
+      if (!fired || file.GetStats().misses != misses) continue;
+      ++served;
+      EXPECT_TRUE(status.ok()) << status.Message();
+      EXPECT_EQ(moved, kBlock);
+      EXPECT_TRUE(bytes == content_.substr(at, kBlock));
+    }
+    world_.CloseAll();
+  }
+  EXPECT_GT(served, 0u) << "no memory was needed ahead of a read: nothing was shown";
 }
 
 // The bytes go before a block that is there already, so that ranges are divided around them.

@@ -2,6 +2,7 @@
 // files together.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/files/file_world.h"
@@ -87,6 +89,17 @@ TEST_F(FileSystemTest, WhereTheStoreDoesNotTellFilesApartEachNameIsAFile) {
   EXPECT_EQ(World::Read(world_.Open("c"), 0, 9), "ONE");
   EXPECT_EQ(World::Read(world_.Open("a"), 0, 9), "") << "the name is another file's now";
   EXPECT_EQ(OpenFiles(), 3u);
+}
+
+// Systems give the number of a file that has gone to the next one that is made.
+TEST_F(FileSystemTest, AFileThatIsMadeAnewIsEmptyThoughItHasTheNumberOfAnOpenOneThatIsGone) {
+  world_.script.Describe([](const std::string& /*name*/, FileInfo& info) { info.inode = 7; });
+  world_.Put("a", "old bytes");
+  EXPECT_EQ(World::Read(world_.Open("a"), 0, 3), "old");
+  ASSERT_TRUE(world_.RemoveStored("a"));
+  FileHandle& fresh = world_.Open("a", Exclusive());
+  EXPECT_EQ(World::Read(fresh, 0, 99), "");
+  EXPECT_EQ(fresh.Size(), 0u);
 }
 
 // The name leads to another file of the store than before; so does the link to that one.
@@ -293,6 +306,40 @@ TEST_F(FileSystemTest, TheEndOfAFileSystemTellsOfUnsavedBytesOnlyWhereThereAreSo
   world_.script.Heal();
 }
 
+// In a process of its own: what cannot be stored is left in memory, and nobody has it any more.
+TEST_F(FileSystemTest, AFileSystemEndsWithoutMemoryAndTellsWhatItCouldNotStore) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  const auto told = [&] { return world_.logger.Count("Error", "5 bytes could not be stored"); };
+  const auto failed_checks = [&] { return world_.logger.Count("Error", "ASSERT failure"); };
+  const auto end_without = [&](long nth) {
+    const std::string name = std::to_string(nth);
+    auto files =
+        std::make_unique<vesk::FileSystem>(world_.services(), world_.store(), world_.options);
+    std::unique_ptr<FileHandle> file;
+    EXPECT_TRUE(files->Open(name, World::Writing(), &file).ok());
+    World::Write(*file, "bytes", 0);
+    const std::size_t told_before = told();
+    const std::size_t failed_before = failed_checks();
+    bool fired = false;
+    {
+      const FailingAllocation failing(nth, true);
+      file.reset();
+      files.reset();
+      fired = failing.Fired();
+    }
+    if (failed_checks() == failed_before) {  // else it has been told by that
+      EXPECT_EQ(told(), told_before + (world_.Stored(name) == "bytes" ? 0 : 1)) << nth;
+    }
+    return fired;
+  };
+  EXPECT_EXIT(
+      {
+        for (long nth = 1; end_without(nth);) ++nth;
+        _exit(HasFailure() ? 1 : 0);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
 // ---- names ----
 
 TEST_F(FileSystemTest, NothingIsRenamedOrRemovedWhereTheStoreCannotTellWhatItIs) {
@@ -310,6 +357,36 @@ TEST_F(FileSystemTest, NothingIsRenamedOrRemovedWhereTheStoreCannotTellWhatItIs)
   EXPECT_EQ(world_.Stored("a") + world_.Stored("b"), "onetwo");
   EXPECT_EQ(World::Read(file, 0, 9), "one");
   EXPECT_EQ(World::Read(other, 0, 9), "two");
+}
+
+// The discard has begun by the old name: its failing writes are given up in the middle of it.
+TEST_F(FileSystemTest, ADiscardThatMeetsARenameLeavesTheOldNameToOthers) {
+  world_.settings.retry_first_delay_ms = 3600 * 1000;  // no write is tried again by itself
+  world_.settings.retry_longest_delay_ms = 3600 * 1000;
+  bool renamed = false;
+  world_.retry->OnWriteFailure([&](const vesk::WriteFailure& failure) {
+    if (!failure.given_up || std::exchange(renamed, true)) return;
+    EXPECT_TRUE(world_.files().Rename("a", "b").ok());
+  });
+  std::unique_ptr<FileHandle> file;
+  ASSERT_TRUE(world_.files().Open("a", World::Writing(), &file).ok());
+  world_.script.Fail({vesk::kFaultWrite}, EIO);
+  // Past the file, which could not be renamed with bytes of its own that are not stored.
+  const JobHolder job(NewWrite("a", "bytes", 5, 0));
+  world_.services().bundler.SubmitJob(job.get());
+  ASSERT_TRUE(World::Await([&] { return world_.retry->GetParked("a").jobs == 1; }));
+  file->Discard();
+  ASSERT_TRUE(renamed);
+  EXPECT_TRUE(file->Close().ok());
+  file.reset();
+  for (const char* const name : {"a", "b"}) {
+    FileHandle& next = world_.Open(name);
+    World::Write(next, "kept", 0);
+    (void)next.Flush();
+    EXPECT_TRUE(World::Await([&] { return next.GetStats().parked == 4; })) << name;
+  }
+  EXPECT_EQ(world_.retry->DiscardAll(), 2u);
+  world_.script.Heal();
 }
 
 // The store has done it, and the files may not know: then nothing more is done with them.

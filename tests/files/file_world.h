@@ -103,6 +103,11 @@ class ScriptedStore final : public vesk::Decorator {
     describe_ = std::move(describe);
   }
 
+  // `meet` is called at each such operation by the thread that starts it, before any rule has its
+  // say; for ever.
+  //   Before   nothing has come yet
+  void Meet(const Which& which, std::function<void()> meet) { meeting_ = {which, std::move(meet)}; }
+
   // Every rule is forgotten; what was held takes place, in the order in which it came.
   void Heal() {
     vesk::JobQueue held;
@@ -259,6 +264,7 @@ class ScriptedStore final : public vesk::Decorator {
 
   // False: the job is held, or has ended.
   bool Passes(vesk::VeskJob* job) {
+    if (meeting_.second && Matches(meeting_.first, *job)) meeting_.second();
     const SparedAllocations spared;
     int error = 0;
     {
@@ -315,6 +321,8 @@ class ScriptedStore final : public vesk::Decorator {
   }
 
   inline static thread_local bool aside_ = false;
+
+  std::pair<Which, std::function<void()>> meeting_;
 
   mutable vesk::Mutex mutex_;
   vesk::Condition changed_;

@@ -216,6 +216,25 @@ TEST_F(FreshnessTest, ALookThatMeetsARenameIsDoneByTheNewName) {
   EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
 }
 
+// By the old name the store tells of another file.
+TEST_F(FreshnessTest, ALookThatMeetsARenameTakesNothingFromWhoHasTheOldNameNow) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultStat, "a"}, 1);
+  Pass();
+  std::uint64_t at = 0;
+  Task appending([&] { EXPECT_TRUE(file.Append("end", 3, &at).ok()); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(world_.files().Rename("a", "b").ok());
+  world_.Open("a");
+  world_.script.EndOne(0, 0);
+  EXPECT_TRUE(appending.Await());
+  EXPECT_EQ(at, old_.size());
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_EQ(world_.Stored("b"), old_ + "end");
+}
+
 TEST_F(FreshnessTest, WhatWasNeverWrittenIsNoReasonToAsk) {
   FileHandle& file = world_.Open("a");
   World::Write(file, "far", 1000);
@@ -239,6 +258,28 @@ TEST_F(FreshnessTest, OwnWritesOnTheirWayAreNotTakenForForeignChanges) {
   Pass();
   EXPECT_EQ(World::Read(file, 0, 600), "own" + old_.substr(3));
   EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+}
+
+// Nobody here knows which of its bytes have arrived, but nobody else has written any.
+TEST_F(FreshnessTest, AnOwnWriteThatTookPlaceAndFailedIsNotTakenForAForeignChange) {
+  FileWorld world(FileWorld::Kind::kMemoryNoRetry);
+  world.settings.refresh_interval = kInterval;
+  world.Put("a", old_);
+  std::atomic<std::int64_t> modified{1};
+  world.script.Describe(
+      [&](const std::string& /*name*/, vesk::FileInfo& info) { info.modified_ns = modified; });
+  FileHandle& file = world.Open("a");
+  Pass(kInterval * 2 / 3);
+  EXPECT_EQ(World::Read(file, 0, 600), old_);  // which is not old when the file is looked at
+  World::Write(file, "own", kBlock);
+  world.script.FailAfterwards({vesk::kFaultWrite}, EIO, 1);
+  EXPECT_EQ(file.Sync().error(), EIO);
+  modified = 2;
+  const std::uint64_t reads = world.script.Count(vesk::kFaultRead);
+  Pass(kInterval * 2 / 3);
+  EXPECT_EQ(World::Read(file, 2 * kBlock, 600), old_.substr(2 * kBlock));
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
+  EXPECT_EQ(world.script.Count(vesk::kFaultRead), reads);
 }
 
 // Nor is what was fetched not long ago fetched again for them.
@@ -380,6 +421,20 @@ TEST_F(FreshnessTest, AFileThatBecameShorterEndsTheReadThere) {
   EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100)) << "though the interval is not over";
   EXPECT_EQ(World::Read(file, 0, 600), old_.substr(0, 100));
   EXPECT_EQ(file.Size(), 100u);
+}
+
+// The store's file has not changed, so that no look at it would tell.
+TEST_F(FreshnessTest, BytesThatMadeTheFileLongerAndAreGivenUpMakeItShorterAgain) {
+  FileHandle& file = world_.Open("a");
+  World::Write(file, "far", 700);
+  file.Discard();
+  EXPECT_EQ(World::Read(file, 0, 1000), old_);
+  EXPECT_EQ(file.Size(), old_.size());
+  std::uint64_t at = 0;
+  EXPECT_TRUE(file.Append("end", 3, &at).ok());
+  EXPECT_EQ(at, old_.size());
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_EQ(world_.Stored("a"), old_ + "end");
 }
 
 // The store reads at once and says so late: a write of ours has made its file longer meanwhile.
@@ -867,6 +922,27 @@ TEST_F(LookTest, WhoWaitsForALookIsNotServedBecauseAnotherOneGivesUp) {
   world_.script.EndHeld(EIO);
   EXPECT_TRUE(looking.Await());
   EXPECT_TRUE(waiting.Await());
+  world_.script.Heal();
+}
+
+// It has less time than a look may take, and keeps half of it for what it came for.
+TEST_F(LookTest, AStoreThatHangsLeavesCachedBytesInServiceForARequestWithLittleTime) {
+  FileHandle& file = world_.Open("a");
+  EXPECT_EQ(World::Read(file, 0, 600), old_);
+  world_.script.Hold({vesk::kFaultStat | vesk::kFaultRead});
+  Pass();
+  for (std::size_t asked = 1; asked <= 3; ++asked) {
+    Task reading([&] {
+      const RequestScope scope(world_.In(milliseconds(100)));
+      EXPECT_EQ(World::Read(file, 0, 600), old_);
+    });
+    world_.script.AwaitHeld(asked);  // nothing was concluded: each request asks
+    clock_.AwaitWaiters(1);
+    EXPECT_FALSE(reading.Ended());
+    clock_.Advance(milliseconds(60));
+    EXPECT_TRUE(reading.Await());
+  }
+  EXPECT_EQ(file.GetStats().freshness, Freshness::kKnown);
   world_.script.Heal();
 }
 

@@ -102,6 +102,31 @@ TEST_P(AliasTest, RelativeAndAbsolutePathsMeetInTheSameFile) {
   ExpectOneFile(Path("a"), std::filesystem::relative(Path("a")).string());
 }
 
+// As editors do that save a file: the name was another way to the open file, and is one no more.
+TEST_P(AliasTest, ALinkThatAnotherProgramHasReplacedLeadsToTheOtherFile) {
+  for (const bool symbolic : {false, true}) {
+    Put("a", "AAAA");
+    if (symbolic) {
+      std::filesystem::create_symlink("a", Path("link"));
+    } else {
+      std::filesystem::create_hard_link(Path("a"), Path("link"));
+    }
+    FileHandle& file = Open("a");
+    Open("link");
+    Put("new", "BBBBBBBB");
+    std::filesystem::rename(Path("new"), Path("link"));
+    FileHandle& other = Open("link");
+    EXPECT_EQ(World::Read(other, 0, 9), "BBBBBBBB");
+    World::Write(other, "bb", 0);
+    EXPECT_TRUE(other.Sync().ok());
+    EXPECT_EQ(World::Read(file, 0, 9), "AAAA");
+    EXPECT_EQ(Stored("a"), "AAAA");
+    EXPECT_EQ(Stored("link"), "bbBBBBBB");
+    world_.CloseAll();
+    std::filesystem::remove(Path("link"));
+  }
+}
+
 TEST_P(NamesTest, DifferentNamesAreDifferentFiles) {
   FileHandle& one = Open("a");
   FileHandle& two = Open("b");
@@ -119,6 +144,28 @@ TEST_P(NamesTest, AFileThatWasClosedAndReopenedHasItsBytes) {
     EXPECT_TRUE(file.Append("x", 1).ok());
     EXPECT_TRUE(file.Close().ok());
   }
+}
+
+// Another program has removed it while somebody here had it open.
+TEST_P(NamesTest, AFileThatIsMadeInPlaceOfAnOpenOneThatIsGoneIsEmpty) {
+  Put("a", "old bytes");
+  FileHandle& gone = Open("a");
+  EXPECT_EQ(World::Read(gone, 0, 3), "old");
+  if (GetParam() == FileWorld::Kind::kDisk) {
+    ASSERT_TRUE(std::filesystem::remove(Path("a")));  // past the store, which has it open
+  } else {
+    ASSERT_TRUE(world_.RemoveStored(Path("a")));
+  }
+  vesk::OpenOptions open = World::Writing();
+  open.exclusive = true;
+  FileHandle& fresh = world_.Open(Path("a"), open);
+  EXPECT_EQ(World::Read(fresh, 0, 99), "");
+  EXPECT_EQ(fresh.Size(), 0u);
+  std::uint64_t at = 99;
+  EXPECT_TRUE(fresh.Append("new", 3, &at).ok());
+  EXPECT_EQ(at, 0u);
+  EXPECT_TRUE(fresh.Sync().ok());
+  EXPECT_EQ(Stored("a"), "new");
 }
 
 // ---- renaming ----
@@ -181,6 +228,21 @@ TEST_P(NamesTest, ASyncThatMeetsARenameIsDoneByTheNewName) {
   EXPECT_EQ(Stored("b"), "bytes");
 }
 
+// By the old name the store has made another file durable.
+TEST_P(NamesTest, ASyncThatMeetsARenameIsNotDoneForWhoHasTheOldNameNow) {
+  FileHandle& file = Open("a");
+  World::Write(file, "bytes", 0);
+  world_.script.Hold({vesk::kFaultSync, Path("a")}, 1);
+  Task sync([&] { EXPECT_EQ(file.Sync().error(), EIO); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(Rename("a", "b").ok());
+  Open("a");
+  world_.script.Fail({vesk::kFaultSync, Path("b")}, EIO);
+  world_.script.EndOne(0, 0);
+  EXPECT_TRUE(sync.Await());
+  world_.script.Heal();
+}
+
 TEST_P(NamesTest, TheOldNameIsFreeForAnotherFile) {
   FileHandle& file = Open("a");
   World::Write(file, "first", 0);
@@ -231,6 +293,22 @@ TEST_P(NamesTest, TheHandlesOfAReplacedFileAreStale) {
   EXPECT_TRUE(file.Close().ok());
   EXPECT_EQ(Stored("b"), "bytes");
   EXPECT_EQ(World::Read(Open("b"), 0, 9), "bytes");
+}
+
+// Another program has removed it: its bytes would be stored by the name that is the other's now.
+TEST_P(NamesTest, TheHandlesOfAFileThatIsGoneAreStaleWhenItsNameIsAnothers) {
+  Put("a", "AAAAAAAA");
+  Put("b", "BBBBBBBB");
+  FileHandle& file = Open("a");
+  FileHandle& gone = Open("b");
+  World::Write(gone, "never", 0);
+  ASSERT_TRUE(world_.RemoveStored(Path("b")));
+  EXPECT_TRUE(Rename("a", "b").ok());
+  ExpectStale(gone);
+  EXPECT_EQ(World::Read(file, 0, 9), "AAAAAAAA");
+  World::Write(Open("b"), "aa", 0);
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_EQ(Stored("b"), "aaAAAAAA");
 }
 
 // Writes go by name: one that sets out for the replaced file must not arrive in the other.
@@ -351,6 +429,59 @@ TEST_P(NamesTest, ReadersAndWritersBesideRenamesMissNothing) {
   EXPECT_TRUE(file.Close().ok());
   EXPECT_EQ(Stored("a"), all);
   EXPECT_EQ(Stored("b"), "(no file)");
+}
+
+// It had seen the file by the old name, and must not bring that back.
+TEST_P(NamesTest, AnOpenThatMeetsTheRenameOfAnOpenFileLeavesTheOldNameFree) {
+  Put("a", "first");
+  FileHandle& file = Open("a");
+  world_.script.HoldEnds({vesk::kFaultOpen, Path("a")});
+  std::unique_ptr<FileHandle> late;
+  Task opening([&] { EXPECT_EQ(world_.files().Open(Path("a"), {}, &late).error(), ENOENT); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(Rename("a", "b").ok());
+  world_.script.Heal();
+  EXPECT_TRUE(opening.Await());
+  FileHandle& successor = Open("a");
+  EXPECT_EQ(successor.Size(), 0u);
+  World::Write(successor, "SECOND", 0);
+  EXPECT_TRUE(successor.Sync().ok());
+  EXPECT_EQ(World::Read(file, 0, 9), "first");
+  EXPECT_EQ(Stored("a"), "SECOND");
+  EXPECT_EQ(Stored("b"), "first");
+}
+
+// Between the moments at which the store and the table of open files have changed the name.
+TEST_P(NamesTest, AnOpenThatMakesAFileWhileItsNameIsGivenAwayHasMadeAnother) {
+  for (const bool removal : {false, true}) {
+    Put("a", "first");
+    FileHandle& file = Open("a");
+    world_.script.Hold({vesk::kFaultStat, Path("a")}, 1);
+    std::unique_ptr<FileHandle> fresh;
+    Task opening(
+        [&] { EXPECT_TRUE(world_.files().Open(Path("a"), World::Writing(), &fresh).ok()); });
+    world_.script.AwaitHeld(1);  // it has found nobody who changes names
+    world_.script.HoldEnds({vesk::kFaultRename | vesk::kFaultRemove});
+    Task changing([&] { EXPECT_TRUE((removal ? Remove("a") : Rename("a", "b")).ok()); });
+    world_.script.AwaitHeld(2);
+    const std::uint64_t opens = world_.script.Count(vesk::kFaultOpen);
+    world_.script.EndOne(0, 0);
+    (void)World::Await(
+        [&] { return world_.script.Count(vesk::kFaultOpen) >= opens + 2 || opening.Ended(); });
+    std::this_thread::sleep_for(milliseconds(10));  // for a handle that should not come yet
+    EXPECT_FALSE(opening.Ended());
+    world_.script.Heal();
+    EXPECT_TRUE(changing.Await());
+    EXPECT_TRUE(opening.Await());
+    World::Write(*fresh, "SECOND", 0);
+    EXPECT_TRUE(fresh->Sync().ok());
+    EXPECT_EQ(World::Read(file, 0, 9, removal ? ESTALE : 0), removal ? "" : "first");
+    EXPECT_EQ(Stored("b"), removal ? "(no file)" : "first");
+    EXPECT_EQ(Stored("a"), "SECOND");
+    fresh.reset();
+    world_.CloseAll();
+    (void)Remove("b");
+  }
 }
 
 // Nor is it looked after by a name that is another file's.
@@ -555,6 +686,215 @@ TEST_P(NamesTest, RemoveDuringReadsInFlightEndsThemAll) {
   remover.join();
   reader.join();
   World::Read(file, 0, 10, ESTALE);
+}
+
+// ---- names that change late ----
+
+// A rename or a removal that outlasts its request goes on. Until it is known what has become of it
+// nobody knows which file has which name.
+class LateNamesTest : public NamesTest {
+ protected:
+  // It waits, and gives up within its limits.
+  template <typename Request>
+  void ExpectToWait(const char* what, const Request& request) {
+    const RequestScope scope(world_.In(milliseconds(10)));
+    EXPECT_EQ(request().error(), ETIMEDOUT) << what;
+  }
+  void ExpectRequestsToWait(FileHandle& file) {
+    char byte = 'x';
+    std::size_t moved = 0;
+    ExpectToWait("read", [&] { return file.ReadAt(&byte, 1, 0, &moved); });
+    ExpectToWait("write", [&] { return file.WriteAt("x", 1, 0); });
+    ExpectToWait("append", [&] { return file.Append("x", 1); });
+    ExpectToWait("truncate", [&] { return file.Truncate(3); });
+    ExpectToWait("sync", [&] { return file.Sync(); });
+  }
+
+  Status TryOpen(const std::string& name) {
+    std::unique_ptr<FileHandle> handle;
+    return world_.files().Open(Path(name), {}, &handle);
+  }
+  std::unique_ptr<FileHandle> OpenExclusively(const std::string& name) {
+    vesk::OpenOptions open = World::Writing();
+    open.exclusive = true;
+    std::unique_ptr<FileHandle> handle;
+    const Status status = world_.files().Open(Path(name), open, &handle);
+    EXPECT_TRUE(status.ok()) << status.Message();
+    return handle;
+  }
+
+  // Rename("a", "b") has taken place, and the two files know it.
+  void ExpectRenamed(FileHandle& file, FileHandle& replaced) {
+    ExpectStale(replaced);
+    EXPECT_EQ(file.GetStats().name, Path("b"));
+    EXPECT_EQ(World::Read(file, 0, 9), "AAAAAAAA");
+    World::Write(file, "aa", 0);
+    EXPECT_TRUE(file.Sync().ok());
+    EXPECT_EQ(Stored("b"), "aaAAAAAA");
+    EXPECT_EQ(Stored("a"), "(no file)");
+  }
+
+  void CloseAndRemoveAll() {
+    world_.CloseAll();
+    for (const char* const name : {"a", "b", "c", "d"}) (void)world_.RemoveStored(Path(name));
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Stores, LateNamesTest,
+                         ::testing::Values(FileWorld::Kind::kMemory, FileWorld::Kind::kDisk),
+                         [](const auto& kind) {
+                           return kind.param == FileWorld::Kind::kDisk ? "Disk" : "Memory";
+                         });
+
+TEST_P(LateNamesTest, ARenameThatTakesPlaceAfterItsRequestIsTakenUpByWhoeverComesNext) {
+  const std::function<Status()> comers[] = {
+      [&] { return TryOpen("c"); },
+      [&] { return Rename("c", "d"); },
+      [&] { return Remove("c"); },
+  };
+  for (const auto& come : comers) {
+    Put("a", "AAAAAAAA");
+    Put("b", "BBBBBBBB");
+    Put("c", "other");
+    FileHandle& file = Open("a");
+    FileHandle& replaced = Open("b");
+    EXPECT_EQ(World::Read(replaced, 0, 9), "BBBBBBBB");
+    World::Write(replaced, "never", 0);
+    world_.script.Hold({vesk::kFaultRename}, 1);
+    ExpectToWait("rename", [&] { return Rename("a", "b"); });
+    EXPECT_EQ(world_.script.held(), 1u);
+    ExpectRequestsToWait(file);
+    ExpectRequestsToWait(replaced);
+    for (const auto& request : comers) ExpectToWait("other names", request);
+    EXPECT_EQ(Stored("b"), "BBBBBBBB");
+    EXPECT_EQ(Stored("c"), "other");
+    Task writing([&] { World::Write(replaced, "never", 0, ESTALE); });
+    world_.script.Heal();
+    EXPECT_TRUE(come().ok());
+    EXPECT_TRUE(writing.Await());
+    ExpectRenamed(file, replaced);
+    CloseAndRemoveAll();
+  }
+}
+
+TEST_P(LateNamesTest, ARenameThatTakesPlaceAfterItsRequestIsTakenUpWhenFilesAreTended) {
+  Put("a", "AAAAAAAA");
+  Put("b", "BBBBBBBB");
+  FileHandle& file = Open("a");
+  FileHandle& replaced = Open("b");
+  World::Write(replaced, "never", 0);
+  world_.script.Hold({vesk::kFaultRename}, 1);
+  Task renaming([&] { EXPECT_EQ(Rename("a", "b").error(), ECANCELED); });
+  world_.script.AwaitHeld(1);
+  renaming.Cancel();
+  EXPECT_TRUE(renaming.Await());
+  world_.files().Tend();
+  EXPECT_EQ(file.GetStats().name, Path("a")) << "it is not known yet";
+  world_.script.Heal();
+  EXPECT_TRUE(World::Await([&] {
+    world_.files().Tend();
+    return file.GetStats().name == Path("b");
+  }));
+  ExpectRenamed(file, replaced);
+}
+
+TEST_P(LateNamesTest, ARenameThatFailsAfterItsRequestLeavesBothFilesAsTheyWere) {
+  FileHandle& file = Open("a");
+  FileHandle& other = Open("b");
+  World::Write(file, "one", 0);
+  World::Write(other, "two", 0);
+  world_.script.Hold({vesk::kFaultRename}, 1);
+  ExpectToWait("rename", [&] { return Rename("a", "b"); });
+  ExpectRequestsToWait(other);
+  world_.script.EndHeld(EACCES);
+  EXPECT_EQ(TryOpen("c").error(), ENOENT);
+  EXPECT_EQ(World::Read(file, 0, 9), "one");
+  EXPECT_EQ(World::Read(other, 0, 9), "two");
+  World::Write(file, "ONE", 0);
+  World::Write(other, "TWO", 0);
+  EXPECT_TRUE(file.Close().ok());
+  EXPECT_TRUE(other.Close().ok());
+  EXPECT_EQ(Stored("a") + Stored("b"), "ONETWO");
+}
+
+TEST_P(LateNamesTest, AFileThatIsMadeAfterARemovalThatOutlastedItsRequestIsEmpty) {
+  Put("a", "old bytes");
+  FileHandle& old = Open("a");
+  World::Write(old, "unsaved", 20);
+  world_.script.Hold({vesk::kFaultRemove}, 1);
+  ExpectToWait("remove", [&] { return Remove("a"); });
+  EXPECT_EQ(world_.script.held(), 1u);
+  ExpectRequestsToWait(old);
+  for (const char* const name : {"a", "c"}) ExpectToWait("open", [&] { return TryOpen(name); });
+  world_.script.Heal();
+  const std::unique_ptr<FileHandle> fresh = OpenExclusively("a");
+  ASSERT_NE(fresh, nullptr);
+  EXPECT_EQ(World::Read(*fresh, 0, 99), "");
+  EXPECT_TRUE(fresh->Sync().ok());
+  EXPECT_EQ(Stored("a"), "");
+  ExpectStale(old);
+}
+
+// One that is tried again below has nothing to rename the second time.
+TEST_P(LateNamesTest, ARenameThatTookPlaceThoughItFailedIsASuccess) {
+  for (const int error : {EIO, EACCES}) {
+    Put("a", "AAAAAAAA");
+    Put("b", "BBBBBBBB");
+    FileHandle& file = Open("a");
+    FileHandle& replaced = Open("b");
+    World::Write(replaced, "never", 0);
+    world_.script.FailAfterwards({vesk::kFaultRename}, error, 1);
+    const Status status = Rename("a", "b");
+    EXPECT_TRUE(status.ok()) << status.Message();
+    ExpectRenamed(file, replaced);
+    EXPECT_EQ(Rename("c", "b").error(), ENOENT) << "there is a file of that name, but not for that";
+    CloseAndRemoveAll();
+  }
+}
+
+TEST_P(LateNamesTest, ARemovalThatTookPlaceThoughItFailedIsASuccess) {
+  for (const int error : {EIO, EACCES}) {
+    Put("a", "old bytes");
+    FileHandle& old = Open("a");
+    World::Write(old, "never", 0);
+    world_.script.FailAfterwards({vesk::kFaultRemove}, error, 1);
+    const Status status = Remove("a");
+    EXPECT_TRUE(status.ok()) << status.Message();
+    ExpectStale(old);
+    const std::unique_ptr<FileHandle> fresh = OpenExclusively("a");
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_EQ(fresh->Size(), 0u);
+    EXPECT_TRUE(fresh->Close().ok());
+    CloseAndRemoveAll();
+  }
+}
+
+// Its caller takes the file for the one that it has made.
+TEST_P(LateNamesTest, NamesDoNotChangeBesideAnOpenThatHasMadeItsFile) {
+  const std::function<Status()> changes[] = {
+      [&] { return Rename("b", "a"); },
+      [&] { return Rename("a", "c"); },
+      [&] { return Remove("a"); },
+  };
+  for (const auto& change : changes) {
+    Put("b", "somebody else's");
+    world_.script.Hold({vesk::kFaultOpen, Path("a")}, 1);
+    std::unique_ptr<FileHandle> file;
+    Task opening([&] { file = OpenExclusively("a"); });
+    world_.script.AwaitHeld(1);
+    ExpectToWait("change", change);
+    EXPECT_EQ(Stored("a"), "");
+    world_.script.Heal();
+    ASSERT_TRUE(opening.Await());
+    ASSERT_NE(file, nullptr);
+    World::Write(*file, "own", 0);
+    EXPECT_TRUE(file->Sync().ok());
+    EXPECT_EQ(Stored("a"), "own");
+    EXPECT_EQ(Stored("b"), "somebody else's");
+    EXPECT_TRUE(change().ok());
+    file.reset();
+    CloseAndRemoveAll();
+  }
 }
 
 }  // namespace

@@ -1,0 +1,254 @@
+#include "files/name_change.h"
+
+#include <cerrno>
+#include <new>
+#include <set>
+#include <utility>
+
+#include "runtime/name_operation.h"
+#include "runtime/request.h"
+#include "runtime/store.h"
+#include "vesk/VeskBundler.h"
+
+namespace vesk {
+
+int FileSystem::Private::Making::Begin() {
+  while (!begun_) {
+    if (const int error = files_.names_.Pass()) return error;
+    {
+      const MutexLock guard(files_.mutex_);
+      ++files_.making_;
+      begun_ = true;
+    }
+    if (files_.names_.IsTakenFrom(nullptr)) End();  // who has the turn may have looked before
+  }
+  return 0;
+}
+
+void FileSystem::Private::Making::End() {
+  if (!begun_) return;
+  const MutexLock guard(files_.mutex_);
+  --files_.making_;
+  begun_ = false;
+  files_.made_.WakeAll();
+}
+
+// With the turn of names: no new one begins.
+int FileSystem::Private::AwaitMakers() {
+  const WakeOnCancel wake(mutex_, made_);
+  const MutexLock guard(mutex_);
+  while (making_ > 0) {
+    if (const int error = RequestScope::Wait(made_, mutex_, services.clock)) return error;
+  }
+  return 0;
+}
+
+// Another name than `gone` that leads to the file; empty: there is none that we know.
+int FileSystem::Private::OtherName(const Node& node, const std::string& gone, std::string* other) {
+  std::set<std::string> names;
+  {
+    const MutexLock guard(mutex_);
+    names = node.names;
+  }
+  names.erase(gone);
+  for (const std::string& name : names) {
+    FileInfo info;
+    const int error = store.Stat(name, &info);
+    if (error != 0 && error != ENOENT) return error;
+    const bool leads = error == 0 && (info.inode == 0 || node.Is(info));
+    if (leads && (other->empty() || name == node.name())) *other = name;
+  }
+  return 0;
+}
+
+// The open file of that name; where the store has none (null), one that has lost it there without
+// our doing.
+std::shared_ptr<Node> FileSystem::Private::FindOpen(const std::string& name,
+                                                    const FileInfo* info) const {
+  const MutexLock guard(mutex_);
+  if (info != nullptr) return Find(name, *info);
+  for (const std::shared_ptr<Node>& node : nodes_) {
+    if (!node->removed() && node->name() == name) return node;
+  }
+  return nullptr;
+}
+
+FileSystem::Private::NameChange::~NameChange() {
+  if (job_ != nullptr) VeskJob::RefCountDec(job_);
+}
+
+int FileSystem::Private::NameChange::Prepare() {
+  // One at a time: two that hold one file each could wait for the other's.
+  if (const int error = turn_.Take(&turn_)) return error;
+  if (const int error = files_.AwaitMakers()) return error;
+  {
+    const MutexLock guard(files_.mutex_);
+    ++files_.outdated_.names;
+  }
+  int error = files_.store.Stat(from_, &info_);
+  if (error != 0 && error != ENOENT) return error;
+  exists_ = error == 0;
+  if (exists_) node_ = files_.FindOpen(from_, &info_);
+  if (IsRemoval()) {
+    loser_ = std::move(node_);
+    return PrepareLoser();
+  }
+  FileInfo info;
+  error = files_.store.Stat(*to_, &info);
+  if (error != 0 && error != ENOENT) return error;
+  loser_ = files_.FindOpen(*to_, error == 0 ? &info : nullptr);
+  if (node_ == loser_) node_ = loser_ = nullptr;  // two names of one file, which keep being so
+  if (node_ != nullptr) {
+    quiet_.emplace(*node_, Node::Quiet::What::kDrained);
+    if (quiet_->outcome().error != 0) return quiet_->outcome().error;
+  }
+  return PrepareLoser();
+}
+
+// What is on its way under the name must have arrived before: afterwards it may be another file's.
+int FileSystem::Private::NameChange::PrepareLoser() {
+  if (loser_ == nullptr) return 0;
+  if (const int error = files_.OtherName(*loser_, lost_name(), &other_)) return error;
+  const bool keeps_one = !other_.empty();
+  loser_quiet_.emplace(*loser_,
+                       keeps_one ? Node::Quiet::What::kDrained : Node::Quiet::What::kStopped);
+  return loser_quiet_->outcome().error;
+}
+
+void FileSystem::Private::NameChange::Start() {
+  if (node_ != nullptr) renaming_.emplace(*node_);
+  if (loser_ != nullptr) loser_renaming_.emplace(*loser_);
+  job_ = IsRemoval() ? NewNameJob(OPCODE_REMOVE, from_) : NewNameJob(OPCODE_RENAME, from_, *to_);
+  files_.services.bundler.SubmitJob(job_);
+}
+
+bool FileSystem::Private::NameChange::Finish(int* error) {
+  files_.services.bundler.WaitForJob(job_, nullptr, IsRemoval() ? "Remove" : "Rename");
+  if (!Answered()) {
+    *error = RequestScope::Exceeded(files_.services.clock);
+    return false;
+  }
+  *error = job_->GetReturnValue();
+  const bool concerns_files = node_ != nullptr || loser_ != nullptr;
+  if (*error != 0 && concerns_files) {
+    int unknown = 0;
+    const bool has = HasTakenPlace(&unknown);
+    if (unknown != 0) {
+      *error = unknown;
+      return false;
+    }
+    if (has) *error = 0;
+  }
+  if (*error == 0) *error = Take();
+  return true;
+}
+
+// A change may take place and end in an error: its answer was lost, and then it was tried again.
+bool FileSystem::Private::NameChange::HasTakenPlace(int* error) {
+  if (!exists_) return false;
+  FileInfo info;
+  *error = files_.store.Stat(from_, &info);
+  const bool is_gone = *error == ENOENT;
+  const bool is_over = *error == ESHUTDOWN;  // nothing is stored any more, under whatever name
+  if (is_gone || is_over) *error = 0;
+  return is_gone || (!is_over && (info.device != info_.device || info.inode != info_.inode));
+}
+
+// The store has done it. Without memory the files do not learn their names, but everything of them
+// is stored.
+int FileSystem::Private::NameChange::Take() {
+  try {
+    TakeLoser();
+    if (node_ == nullptr) return 0;
+    node_->SetName(*to_);
+    const MutexLock guard(files_.mutex_);
+    node_->names.insert(*to_);
+    node_->names.erase(from_);
+    return 0;
+  } catch (const std::bad_alloc&) {
+    TakeOutOfService();
+    return ENOMEM;
+  }
+}
+
+void FileSystem::Private::NameChange::TakeLoser() {
+  if (loser_ == nullptr) return;
+  {
+    const MutexLock guard(files_.mutex_);
+    loser_->names.erase(lost_name());
+  }
+  FileInfo info;
+  // The other one may have been another way to write the name that has gone.
+  if (other_.empty() || files_.store.Stat(other_, &info) == ENOENT) {
+    loser_->SetRemoved();
+  } else {
+    loser_->SetName(other_);
+  }
+}
+
+void FileSystem::Private::NameChange::TakeOutOfService() {
+  if (loser_ != nullptr) loser_->TakeOutOfService();
+  if (node_ != nullptr) node_->TakeOutOfService();
+}
+
+std::uint64_t FileSystem::Private::NameChange::GiveUp() {
+  if (loser_ == nullptr) return 0;
+  const std::uint64_t unsaved = loser_->dirty();
+  loser_->SetRemoved();
+  return unsaved;
+}
+
+// False: it goes on by itself.
+bool FileSystem::Private::Conclude(std::unique_ptr<NameChange> change, int* error) {
+  try {
+    if (change->Finish(error)) return true;
+  } catch (const std::bad_alloc&) {
+    *error = ENOMEM;
+  }
+  const MutexLock guard(mutex_);
+  late_ = std::move(change);
+  return false;
+}
+
+int FileSystem::Private::CarryOut(std::unique_ptr<NameChange> change) {
+  if (const int limit = SettleLate()) return limit;
+  if (const int error = change->Prepare()) return error;
+  change->Start();
+  int error = 0;
+  (void)Conclude(std::move(change), &error);
+  return error;
+}
+
+std::unique_ptr<FileSystem::Private::NameChange> FileSystem::Private::TakeLate() {
+  const MutexLock guard(mutex_);
+  return std::move(late_);
+}
+
+// 0: it is known what has come of a change that has outlasted its request.
+int FileSystem::Private::SettleLate() {
+  std::unique_ptr<NameChange> late = TakeLate();
+  int error = 0;
+  return late == nullptr || Conclude(std::move(late), &error) ? 0 : error;
+}
+
+// The same, but for one that the store has not answered.
+void FileSystem::Private::SettleAnswered() {
+  {
+    const MutexLock guard(mutex_);
+    if (late_ == nullptr || !late_->Answered()) return;
+  }
+  const RequestScope scope({services.clock.Now() + options.check_patience, nullptr});
+  (void)SettleLate();
+}
+
+Status FileSystem::Private::Rename(const std::string& from, const std::string& to) {
+  const int error = CarryOut(std::make_unique<NameChange>(*this, from, to));
+  return error == 0 ? Status() : Status(error, "renaming of '" + from + "' to '" + to + "'");
+}
+
+Status FileSystem::Private::Remove(const std::string& name) {
+  const int error = CarryOut(std::make_unique<NameChange>(*this, name));
+  return error == 0 ? Status() : Status(error, "removal of '" + name + "'");
+}
+
+}  // namespace vesk
