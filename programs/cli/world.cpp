@@ -77,6 +77,8 @@ World::World(const Options& options, vesk::Settings& settings)
   const bool copy = options.command == Options::Command::kCopy;
   const auto handle = [this](int signal_number) { Signalled(signal_number); };
   std::vector<int> signals;
+  // What is told goes unheard then, and the copy is still wanted.
+  if (copy) signal(SIGPIPE, SIG_IGN);
   if (copy) {  // reading has nothing to clean up: a signal ends it as it would any program
     for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
       if (!IsIgnored(signal_number)) signals.push_back(signal_number);  // as nohup has it
