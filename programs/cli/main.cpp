@@ -1,7 +1,9 @@
 // The command line: vesk cat FILE, vesk cp SRC DST, vesk stat FILE, vesk replay TRACE,
 // vesk settings.
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <exception>
@@ -21,10 +23,19 @@ int Run(vesk_cli::World& world) {
   return vesk_cli::Cat(world);
 }
 
+// A standard descriptor that was closed would be given to the next file that is opened, and what is
+// meant for people go into that. One that is opened the wrong way round refuses it as before.
+void KeepStandardDescriptors() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   using namespace vesk_cli;
+  KeepStandardDescriptors();
   // A file that meets the process's size limit is then an error of its own (EFBIG), not the end.
   signal(SIGXFSZ, SIG_IGN);
   Options options;
