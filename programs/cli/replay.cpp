@@ -225,7 +225,7 @@ class Walkthrough {
 };
 
 int Unreadable(const std::string& name, int error) {
-  std::fprintf(stderr, "vesk: cannot read '%s': %s\n", name.c_str(),
+  std::fprintf(stderr, "vesk: cannot read '%s': %s\n", Printable(name).c_str(),
                std::generic_category().message(error).c_str());
   return kExitUsage;
 }

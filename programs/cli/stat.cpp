@@ -71,7 +71,7 @@ int Stat(World& world) {
   }
   const std::uint64_t size = file->Size();
   const std::uint64_t blocks = size / settings.block_size + (size % settings.block_size != 0);
-  Print("name", name);
+  Print("name", vesk::PrintableText(name, name.size()));
   Print("size", std::to_string(size) + " bytes" + (size < 1024 ? "" : ", " + BytesText(size)));
   Print("blocks", std::to_string(blocks) + " of " + BytesText(std::uint64_t{settings.block_size}));
   Print("permissions", PermissionsText(info.mode));

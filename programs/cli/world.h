@@ -59,8 +59,10 @@ class World {
   int Fail(const std::string& what, const std::string& name, const vesk::FileHandle& file,
            const vesk::Status& status);
 
-  // Writes "vesk: <text>" to standard error.
-  void Say(const std::string& text) { status_line_.Print("vesk: " + text); }
+  // Writes "vesk: <text>" to standard error, on one line whatever is in a name.
+  void Say(const std::string& text) {
+    status_line_.Print("vesk: " + vesk::PrintableText(text, text.size()));
+  }
 
   // Somebody is there to watch a copy, or it was asked for.
   bool ShowsProgress() const;
