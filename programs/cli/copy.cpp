@@ -70,7 +70,7 @@ class PartialFile {
   //   Before   Create has returned 0
   vesk::FileHandle& file() { return *file_; }
 
-  // The owner can write it for the time being, whatever the permissions that it is to have.
+  // The owner can read and write it for now, whatever the permissions that it is to have.
   int Create(mode_t permissions) {
     permissions_ = permissions;
     const std::string directory = destination_.substr(0, destination_.rfind('/') + 1);
@@ -79,7 +79,7 @@ class PartialFile {
     for (int attempt = 0; error == EEXIST && attempt < kAttempts; ++attempt) {
       name_ = directory + ".vesk-cp-" + std::to_string(getpid()) + "-" + std::to_string(attempt) +
               ".partial";
-      error = world_.store().Create(name_, permissions | S_IWUSR);
+      error = world_.store().Create(name_, permissions | kForNow);
     }
     exists_ = error == 0;
     if (error != 0) return error;
@@ -90,7 +90,7 @@ class PartialFile {
 
   //   Before   the file is closed
   vesk::Status TakeDestination() {
-    if ((permissions_ & S_IWUSR) == 0) {
+    if ((permissions_ & kForNow) != kForNow) {
       const int error = world_.store().SetPermissions(name_, permissions_);
       if (error != 0) return {error, "permissions of '" + name_ + "'"};
     }
@@ -101,6 +101,7 @@ class PartialFile {
 
  private:
   static constexpr int kAttempts = 100;
+  static constexpr mode_t kForNow = S_IRUSR | S_IWUSR;
 
   // Gives up what is not stored: it would go to a file that is not to stay. What is on its way may
   // arrive when it likes: nobody else will have that name. So the store is asked itself, which does
