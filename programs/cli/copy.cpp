@@ -30,7 +30,8 @@ std::string Resolved(const std::string& name) {
   return path == nullptr ? name : path.get();
 }
 
-// Checks the destination and chooses the permissions of the copy: an existing file keeps its own.
+// Checks the destination and chooses the permissions of the copy: an existing file keeps its own,
+// but for the bits that lend its owner's rights to whoever runs it: owner and contents are others.
 int CheckDestination(World& world, const vesk::FileInfo& source, mode_t* permissions) {
   const std::string& name = world.options().destination;
   vesk::FileInfo info;
@@ -50,7 +51,7 @@ int CheckDestination(World& world, const vesk::FileInfo& source, mode_t* permiss
   if (const int denied = world.store().Open(name, vesk::Access::kWrite)) {
     return world.Fail("write", name, denied);
   }
-  *permissions = info.mode & 07777;
+  *permissions = info.mode & 0777;
   return kExitOk;
 }
 
