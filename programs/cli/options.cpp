@@ -1,7 +1,9 @@
 #include "programs/cli/options.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <iostream>
+#include <system_error>
 #include <tuple>
 
 namespace vesk_cli {
@@ -31,23 +33,29 @@ constexpr char kReplayFooter[] =
     "Exit status: 0 consistent; 1 a check failed or a line contradicts the others; 2 the trace or\n"
     "the command line cannot be read (docs/replay.md).";
 
+// What is wrong with the number of a line; empty: nothing.
+std::string NotALine(const std::string& text) {
+  std::size_t line = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, line);
+  if (error == std::errc() && stop == end && line > 0) return "";
+  return vesk::QuotedText(text) + " is not a line: they are counted from 1";
+}
+
 void AddReplay(CLI::App* command, Options* options) {
   Options::Replay& replay = options->replay;
   command->add_option("TRACE", options->source, "The log to replay; -: standard input")->required();
   CLI::Option* const at =
       command->add_option("--at", replay.at, "Show what the cache held behind this line")
           ->type_name("LINE")
-          ->check(CLI::PositiveNumber);
+          ->check(NotALine);
   CLI::Option* const steps =
       command->add_flag("--steps", replay.steps, "Show each line of the cache and what it changed")
           ->excludes(at);
   for (const auto& [name, line, what] :
        {std::tuple("--from", &replay.from, "With --steps: begin at this line"),
         std::tuple("--to", &replay.to, "With --steps: end with this line")}) {
-    command->add_option(name, *line, what)
-        ->type_name("LINE")
-        ->check(CLI::PositiveNumber)
-        ->needs(steps);
+    command->add_option(name, *line, what)->type_name("LINE")->check(NotALine)->needs(steps);
   }
   command->add_option("--file", replay.file, "With --at and --steps: of this file alone")
       ->type_name("NAME");
@@ -117,10 +125,12 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
     return false;
   } catch (const CLI::ParseError& error) {
     const bool unknown = app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-';
+    std::string where = "vesk";
+    for (const CLI::App* const command : app.get_subcommands()) where += ' ' + command->get_name();
     PrintUsageError(unknown ? "There is no command " + vesk::QuotedText(argv[1]) +
                                   ", only cat, cp, stat, replay and settings"
                             : vesk::ParseErrorText(app, error),
-                    "vesk");
+                    where);
     *status = kExitUsage;
     return false;
   }
