@@ -37,6 +37,10 @@ int CheckDestination(World& world, const vesk::FileInfo& source, mode_t* permiss
   vesk::FileInfo info;
   const int error = world.store().Stat(name, &info);
   if (error == ENOENT) {
+    struct stat link = {};  // to take its name would leave what it was made for without the copy
+    if (lstat(name.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+      return world.Fail("write", name, std::string("It is a link to a name that is not there"));
+    }
     const mode_t mask = umask(0);
     umask(mask);
     *permissions = source.mode & 0777 & ~mask;
