@@ -23,7 +23,8 @@ int WriteAll(int fd, const unsigned char* bytes, std::size_t length) {
 }
 
 // Moves the file to standard output; `*offset` counts the bytes.
-int CatWhole(World& world, vesk::FileHandle& file, std::uint64_t* offset) {
+int CatWhole(World& world, vesk::FileHandle& file, const vesk::FileInfo& info,
+             std::uint64_t* offset) {
   const std::string& name = world.options().source;
   const std::uint64_t size = file.Size();
   std::vector<unsigned char> chunk(kChunkSize);
@@ -41,21 +42,25 @@ int CatWhole(World& world, vesk::FileHandle& file, std::uint64_t* offset) {
     if (!status.ok()) return world.Fail("read", name, file, status);
     if (count == 0) break;
   }
-  if (*offset >= size) return kExitOk;
-  return world.Fail("read", name, std::string("The file became shorter while it was read"));
+  if (*offset < size) {
+    return world.Fail("read", name, std::string("The file became shorter while it was read"));
+  }
+  const vesk::RequestScope scope(world.NewLimits());
+  return world.CheckSource(info, "what was written is not to be relied on");
 }
 
 }  // namespace
 
 int Cat(World& world) {
   std::unique_ptr<vesk::FileHandle> file;
+  vesk::FileInfo info;
   {
     const vesk::RequestScope scope(world.NewLimits());
-    if (const int status = world.OpenSource("read", &file)) return status;
+    if (const int status = world.OpenSource("read", &file, &info)) return status;
   }
   file->Advise(vesk::Advice::kSequential);
   Moved moved;
-  const int status = CatWhole(world, *file, &moved.done);
+  const int status = CatWhole(world, *file, info, &moved.done);
   if (status == kExitOk && world.options().stats) {
     moved.data = moved.done;
     world.status_line().Print(Summary("Read", moved, world.Elapsed()));

@@ -20,8 +20,7 @@ namespace vesk_cli {
 namespace {
 
 int Interrupted(World& world) {
-  world.Fail("copy to", world.options().destination, std::string("Interrupted"));
-  return 128 + world.interrupted_by();
+  return world.Fail("copy to", world.options().destination, std::string("Interrupted"));
 }
 
 // The name behind symbolic links, so that a link stays one when its target is replaced.
@@ -306,7 +305,8 @@ int CopyData(World& world, vesk::FileHandle& from, vesk::FileHandle& to, Writer&
 }
 
 // Moves all bytes and completes the copy.
-int CopyWhole(World& world, vesk::FileHandle& from, PartialFile& partial) {
+int CopyWhole(World& world, vesk::FileHandle& from, const vesk::FileInfo& source,
+              PartialFile& partial) {
   const Options& options = world.options();
   const std::uint64_t size = from.Size();
   Writer writer(world, partial.file());
@@ -324,6 +324,7 @@ int CopyWhole(World& world, vesk::FileHandle& from, PartialFile& partial) {
     }
     if (world.interrupted_by() != 0) return Interrupted(world);
     const vesk::RequestScope scope(world.NewLimits());
+    if (const int status = world.CheckSource(source, "nothing was replaced")) return status;
     if (const vesk::Status status = partial.TakeDestination(); !status.ok()) {
       return cannot("complete", status);
     }
@@ -337,17 +338,14 @@ int CopyWhole(World& world, vesk::FileHandle& from, PartialFile& partial) {
 }
 
 // Checks both names, opens the source and makes the unfinished copy.
-int Prepare(World& world, std::unique_ptr<vesk::FileHandle>* from, PartialFile* partial) {
+int Prepare(World& world, std::unique_ptr<vesk::FileHandle>* from, vesk::FileInfo* source,
+            PartialFile* partial) {
   const Options& options = world.options();
   mode_t permissions = 0;
   {
     const vesk::RequestScope scope(world.NewLimits());
-    if (const int status = world.OpenSource("read", from)) return status;
-    vesk::FileInfo source;
-    if (const int error = world.store().Stat(options.source, &source)) {
-      return world.Fail("read", options.source, error);
-    }
-    if (const int status = CheckDestination(world, source, &permissions)) return status;
+    if (const int status = world.OpenSource("read", from, source)) return status;
+    if (const int status = CheckDestination(world, *source, &permissions)) return status;
   }
   // Not called off by a signal: the file might come into being after it was removed.
   const vesk::RequestScope scope(world.LeavingLimits());
@@ -359,16 +357,16 @@ int Prepare(World& world, std::unique_ptr<vesk::FileHandle>* from, PartialFile* 
 
 int Copy(World& world) {
   std::unique_ptr<vesk::FileHandle> from;
+  vesk::FileInfo source;
   int status = kExitOk;
   {
     PartialFile partial(world, Resolved(world.options().destination));
-    status = Prepare(world, &from, &partial);
-    if (status != kExitOk) {
-      if (world.interrupted_by() != 0) status = 128 + world.interrupted_by();
-    } else {
+    status = Prepare(world, &from, &source, &partial);
+    if (status == kExitOk) {
       from->Advise(vesk::Advice::kSequential);
-      status = CopyWhole(world, *from, partial);
+      status = CopyWhole(world, *from, source, partial);
     }
+    if (status != kExitOk && world.interrupted_by() != 0) status = 128 + world.interrupted_by();
   }
   const vesk::RequestScope scope(world.LeavingLimits());
   from.reset();

@@ -66,8 +66,7 @@ int Stat(World& world) {
   vesk::FileInfo info;
   {
     const vesk::RequestScope scope(world.NewLimits());
-    if (const int status = world.OpenSource("stat", &file)) return status;
-    if (const int error = world.store().Stat(name, &info)) return world.Fail("stat", name, error);
+    if (const int status = world.OpenSource("stat", &file, &info)) return status;
   }
   const std::uint64_t size = file->Size();
   const std::uint64_t blocks = size / settings.block_size + (size % settings.block_size != 0);

@@ -64,6 +64,12 @@ void PrintRetries(const vesk::RetryDecorator::Totals& retries) {
                recovered);
 }
 
+// Where the store tells no time or no inode, that is 0 both times.
+bool IsUnchanged(const vesk::FileInfo& before, const vesk::FileInfo& now) {
+  return before.device == now.device && before.inode == now.inode && before.size == now.size &&
+         before.modified_ns == now.modified_ns;
+}
+
 bool IsIgnored(int signal_number) {
   struct sigaction action = {};
   sigaction(signal_number, nullptr, &action);
@@ -71,6 +77,12 @@ bool IsIgnored(int signal_number) {
 }
 
 }  // namespace
+
+int OwnJob::Wait(const char* tag) {
+  bundler_.WaitForJob(job_, nullptr, tag);
+  if (job_->GetJobState() == vesk::JOB_STATE_DONE) return job_->GetReturnValue();
+  return vesk::RequestScope::Exceeded(bundler_.dispatcher().clock());
+}
 
 World::World(const Options& options, vesk::Settings& settings)
     : options_(options), settings_(settings) {
@@ -137,12 +149,49 @@ void World::ReloadSettings() {
     runtime_->SettingsChanged();  // else it is made with the new values, or not
 }
 
-int World::OpenSource(const std::string& what, std::unique_ptr<vesk::FileHandle>* file) {
+int World::OpenSource(const std::string& what, std::unique_ptr<vesk::FileHandle>* file,
+                      vesk::FileInfo* info) {
   const std::string& name = options_.source;
+  if (const int error = store().Stat(name, info)) return Fail(what, name, error);
   const vesk::Status status = files_->Open(name, {}, file);
   if (status.ok()) return kExitOk;
   if (status.error() == EINVAL) return Fail(what, name, std::string("Not a regular file"));
   return Fail(what, name, status.error());
+}
+
+int World::CheckSource(const vesk::FileInfo& before, const std::string& consequence) {
+  const std::string& name = options_.source;
+  vesk::FileInfo now;
+  bool more = false;
+  int error = store().Stat(name, &now);
+  if (error == 0 && now.size == 0) error = ReadFirstByte(&more);
+  if (error != 0) return Fail("read", name, error);
+  if (!IsUnchanged(before, now)) {
+    return Fail("read", name, "The file changed meanwhile; " + consequence);
+  }
+  if (more) return Fail("read", name, "The file has more bytes than its size says; " + consequence);
+  return kExitOk;
+}
+
+// The cache reads nothing behind the size.
+int World::ReadFirstByte(bool* is_there) {
+  struct Piece {
+    unsigned char byte = 0;
+    unsigned int count = 0;
+  };
+  const auto piece = std::make_shared<Piece>();  // the job's too: it may outlive the request
+  std::string name = options_.source;
+  auto op = std::make_unique<vesk::VeskOP>(vesk::OPCODE_READ, 0);
+  op->AddString(name);
+  op->AddShared(std::shared_ptr<void>(piece, &piece->byte));
+  op->AddInt(1);
+  op->AddULong(0);
+  op->AddPtr(&piece->count);
+  auto* const job = new vesk::VeskJob(vesk::JOB_TYPE_IO, op.get());
+  (void)op.release();  // the job's
+  const int error = OwnJob(runtime_->bundler(), job).Wait("Read-first-byte");
+  *is_there = error == 0 && piece->count > 0;
+  return error == vesk::RC_EOF ? 0 : error;
 }
 
 int World::Fail(const std::string& what, const std::string& name, const std::string& reason) {

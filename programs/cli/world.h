@@ -12,12 +12,35 @@
 #include "programs/cli/progress.h"
 #include "runtime/runtime.h"
 #include "runtime/signals.h"
+#include "vesk/VeskBundler.h"
+#include "vesk/VeskJob.h"
 
 namespace vesk_cli {
 
 // Bytes that a command moves at a time: many enough for a request to cost nothing beside them, few
 // enough to be moved soon.
 constexpr std::size_t kChunkSize = 256u << 10;
+
+// A job of the command itself; unlike the store's operations it can be waited for once more when
+// the calling thread's request (RequestScope) has met its limits.
+class OwnJob {
+ public:
+  //   Owns     the caller's reference to `job`; borrows `bundler`
+  OwnJob(vesk::VeskBundler& bundler, vesk::VeskJob* job) : bundler_(bundler), job_(job) {
+    bundler.SubmitJob(job);
+  }
+  ~OwnJob() { vesk::VeskJob::RefCountDec(job_); }
+  OwnJob(const OwnJob&) = delete;
+  OwnJob& operator=(const OwnJob&) = delete;
+
+  //   Units    `tag` as for VeskBundler::WaitForJob
+  //   Ends in  what the job ended in; ETIMEDOUT or ECANCELED when it has not
+  int Wait(const char* tag);
+
+ private:
+  vesk::VeskBundler& bundler_;
+  vesk::VeskJob* const job_;
+};
 
 class World {
  public:
@@ -48,8 +71,15 @@ class World {
   // Calls off every request that has NewLimits, for another reason than a signal.
   void CallOff() { cancel_.Cancel(); }
 
-  // Opens the source, which is to be told of as what could not be `what`.
-  int OpenSource(const std::string& what, std::unique_ptr<vesk::FileHandle>* file);
+  // Opens the source, which is to be told of as what could not be `what`. `*info`: the file as the
+  // store had it before, so that no change after this goes unseen.
+  int OpenSource(const std::string& what, std::unique_ptr<vesk::FileHandle>* file,
+                 vesk::FileInfo* info);
+
+  // Looks at the source once more, past the cache: what was read of a file that is no longer as in
+  // `before` may be parts of several states, and a file may hide its bytes behind a size of 0.
+  // `consequence` ends the message.
+  int CheckSource(const vesk::FileInfo& before, const std::string& consequence);
 
   // Writes "vesk: cannot <what> '<name>': <reason>" to standard error; returns kExitFailed.
   int Fail(const std::string& what, const std::string& name, const std::string& reason);
@@ -76,6 +106,7 @@ class World {
   void Report(const vesk::FileStats& read, const vesk::FileStats* written);
 
  private:
+  int ReadFirstByte(bool* is_there);
   void Signalled(int signal_number);
   void ReloadSettings();
 
