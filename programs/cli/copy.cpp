@@ -65,6 +65,7 @@ class PartialFile {
       : world_(world), destination_(destination) {}
   ~PartialFile() {
     const vesk::RequestScope scope(world_.LeavingLimits());
+    if (creation_ != nullptr) SeeCreated();
     if (exists_) Remove();
     file_.reset();
   }
@@ -74,7 +75,8 @@ class PartialFile {
   //   Before   Create has returned 0
   vesk::FileHandle& file() { return *file_; }
 
-  // The owner can read and write it for now, whatever the permissions that it is to have.
+  // The owner can read and write it for now, whatever the permissions that it is to have. A file
+  // that comes to be when the request has met its limits is removed in the end.
   int Create(mode_t permissions) {
     permissions_ = permissions;
     const std::string directory = destination_.substr(0, destination_.rfind('/') + 1);
@@ -83,10 +85,14 @@ class PartialFile {
     for (int attempt = 0; error == EEXIST && attempt < kAttempts; ++attempt) {
       name_ = directory + ".vesk-cp-" + std::to_string(getpid()) + "-" + std::to_string(attempt) +
               ".partial";
-      error = world_.store().Create(name_, permissions | kForNow);
+      creation_ = std::make_unique<OwnJob>(
+          world_.runtime().bundler(),
+          vesk::NewNameJob(vesk::OPCODE_CREATE, name_, {}, permissions | kForNow));
+      error = creation_->Wait("Create");
     }
-    exists_ = error == 0;
     if (error != 0) return error;
+    creation_.reset();
+    exists_ = true;
     vesk::OpenOptions options;
     options.write = true;
     return world_.files().Open(name_, options, &file_).error();
@@ -107,6 +113,15 @@ class PartialFile {
   static constexpr int kAttempts = 100;
   static constexpr mode_t kForNow = S_IRUSR | S_IWUSR;
 
+  // Looks again whether there is a file to remove, after a failure.
+  void SeeCreated() {
+    const int error = creation_->Wait("Create");
+    exists_ = error == 0;
+    if (error == ETIMEDOUT) {
+      world_.Say("the store may still create '" + name_ + "', which can be removed then");
+    }
+  }
+
   // Gives up what is not stored: it would go to a file that is not to stay. What is on its way may
   // arrive when it likes: nobody else will have that name. So the store is asked itself, which does
   // not wait for that.
@@ -121,6 +136,7 @@ class PartialFile {
   std::string name_;
   mode_t permissions_ = 0;
   bool exists_ = false;
+  std::unique_ptr<OwnJob> creation_;  // while it is not known to have succeeded
   std::unique_ptr<vesk::FileHandle> file_;
 };
 
@@ -342,13 +358,9 @@ int Prepare(World& world, std::unique_ptr<vesk::FileHandle>* from, vesk::FileInf
             PartialFile* partial) {
   const Options& options = world.options();
   mode_t permissions = 0;
-  {
-    const vesk::RequestScope scope(world.NewLimits());
-    if (const int status = world.OpenSource("read", from, source)) return status;
-    if (const int status = CheckDestination(world, *source, &permissions)) return status;
-  }
-  // Not called off by a signal: the file might come into being after it was removed.
-  const vesk::RequestScope scope(world.LeavingLimits());
+  const vesk::RequestScope scope(world.NewLimits());
+  if (const int status = world.OpenSource("read", from, source)) return status;
+  if (const int status = CheckDestination(world, *source, &permissions)) return status;
   const int error = partial->Create(permissions);
   return error == 0 ? kExitOk : world.Fail("create", options.destination, error);
 }

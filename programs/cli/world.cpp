@@ -200,6 +200,8 @@ int World::Fail(const std::string& what, const std::string& name, const std::str
 }
 
 int World::Fail(const std::string& what, const std::string& name, int error) {
+  if (error == ECANCELED && interrupted_by_ != 0)
+    return Fail(what, name, std::string("Interrupted"));
   return Fail(what, name, std::generic_category().message(error));
 }
 
