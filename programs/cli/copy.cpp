@@ -36,6 +36,7 @@ int CheckDestination(World& world, const vesk::FileInfo& source, mode_t* permiss
   vesk::FileInfo info;
   const int error = world.store().Stat(name, &info);
   if (error == ENOENT) {
+    if (name.empty() || name.back() == '/') return world.Fail("write", name, error);
     struct stat link = {};  // to take its name would leave what it was made for without the copy
     if (lstat(name.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
       return world.Fail("write", name, std::string("It is a link to a name that is not there"));
@@ -98,11 +99,17 @@ class PartialFile {
     return world_.files().Open(name_, options, &file_).error();
   }
 
+  // What it is called until then.
+  const std::string& name() const { return name_; }
+
   //   Before   the file is closed
   vesk::Status TakeDestination() {
     if ((permissions_ & kForNow) != kForNow) {
       const int error = world_.store().SetPermissions(name_, permissions_);
       if (error != 0) return {error, "permissions of '" + name_ + "'"};
+    }
+    if (const int error = world_.store().Stat(name_, &info_)) {
+      return {error, "stat '" + name_ + "'"};
     }
     vesk::Status status = world_.files().Rename(name_, destination_);
     if (status.ok()) exists_ = false;
@@ -129,12 +136,25 @@ class PartialFile {
     if (file_ != nullptr) file_->Discard();
     const int error = world_.store().Remove(name_);
     if (error != 0 && error != ENOENT) world_.Fail("remove", name_, error);
+    if (error == ENOENT && HasDestination()) {
+      world_.Say("the copy has the name '" + world_.options().destination +
+                 "' already, which a crash of the machine may take back");
+    }
+  }
+
+  // The name can be taken although taking it fails, at its last step or by a request that has met
+  // its limits.
+  bool HasDestination() {
+    vesk::FileInfo there;
+    return info_.inode != 0 && world_.store().Stat(destination_, &there) == 0 &&
+           there.device == info_.device && there.inode == info_.inode;
   }
 
   World& world_;
   const std::string destination_;
   std::string name_;
   mode_t permissions_ = 0;
+  vesk::FileInfo info_;  // once it is about to take the destination's name
   bool exists_ = false;
   std::unique_ptr<OwnJob> creation_;  // while it is not known to have succeeded
   std::unique_ptr<vesk::FileHandle> file_;
@@ -362,7 +382,8 @@ int Prepare(World& world, std::unique_ptr<vesk::FileHandle>* from, vesk::FileInf
   if (const int status = world.OpenSource("read", from, source)) return status;
   if (const int status = CheckDestination(world, *source, &permissions)) return status;
   const int error = partial->Create(permissions);
-  return error == 0 ? kExitOk : world.Fail("create", options.destination, error);
+  if (error == 0) return kExitOk;
+  return world.Fail("create '" + partial->name() + "' beside", options.destination, error);
 }
 
 }  // namespace
