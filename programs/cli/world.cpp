@@ -119,9 +119,12 @@ World::~World() {
 }
 
 vesk::RequestLimits World::LeavingLimits() {
-  const auto patience =
-      std::chrono::milliseconds(settings_.shutdown_timeout_ms.load(std::memory_order_relaxed));
-  return {runtime_->clock().Now() + patience, nullptr};
+  if (!leave_by_) {
+    leave_by_ =
+        runtime_->clock().Now() +
+        std::chrono::milliseconds(settings_.shutdown_timeout_ms.load(std::memory_order_relaxed));
+  }
+  return {*leave_by_, nullptr};
 }
 
 void World::Signalled(int signal_number) {

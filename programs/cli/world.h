@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "files/file_system.h"
@@ -64,8 +65,9 @@ class World {
   // configuration instead where there is one.
   int interrupted_by() const { return interrupted_by_; }
 
-  // For cleaning up: a store that does not answer holds that up no longer than the setting
-  // shutdown-timeout. Not inside a scope with NewLimits, whose limits would hold as well.
+  // For cleaning up: a store that does not answer holds that up, all of it together, no longer than
+  // the setting shutdown-timeout. Not inside a scope with NewLimits, whose limits would hold as
+  // well; none of these follows.
   vesk::RequestLimits LeavingLimits();
 
   // Calls off every request that has NewLimits, for another reason than a signal.
@@ -117,6 +119,7 @@ class World {
   std::atomic<int> interrupted_by_{0};
   std::atomic<vesk::Clock::Time> interrupted_at_{};
   vesk::Clock::Time begin_;
+  std::optional<vesk::Clock::Time> leave_by_;  // once something is cleaned up
   vesk::Mutex reload_mutex_;  // held while the runtime is made, and while settings are read again
   std::unique_ptr<vesk::VeskRuntime> runtime_;
   std::unique_ptr<vesk::FileSystem> files_;
