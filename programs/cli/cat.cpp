@@ -29,12 +29,9 @@ int CatWhole(World& world, vesk::FileHandle& file, const vesk::FileInfo& info,
   const std::uint64_t size = file.Size();
   std::vector<unsigned char> chunk(kChunkSize);
   for (;;) {
+    const vesk::RequestScope scope(world.NewLimits());
     std::size_t count = 0;
-    vesk::Status status;
-    {
-      const vesk::RequestScope scope(world.NewLimits());
-      status = file.ReadAt(chunk.data(), chunk.size(), *offset, &count);
-    }
+    const vesk::Status status = file.ReadAt(chunk.data(), chunk.size(), *offset, &count);
     if (const int failed = WriteAll(STDOUT_FILENO, chunk.data(), count)) {
       return world.Fail("write to", "standard output", failed);
     }

@@ -242,7 +242,6 @@ class Writer {
 
   // Makes all of it durable, with this length, for the file may end in a hole.
   vesk::Status Finish(std::uint64_t size) {
-    const vesk::RequestScope scope(world_.NewLimits());
     vesk::Status status = Sync();
     if (status.ok() && file_.Size() != size) {
       status = file_.Truncate(size);
@@ -355,8 +354,11 @@ int CopyWhole(World& world, vesk::FileHandle& from, const vesk::FileInfo& source
     if (const int status = CopyData(world, from, partial.file(), writer, size, progress)) {
       return status;
     }
-    if (const vesk::Status status = writer.Finish(size); !status.ok()) {
-      return cannot("write", status);
+    {
+      const vesk::RequestScope scope(world.NewLimits());
+      if (const vesk::Status status = writer.Finish(size); !status.ok()) {
+        return cannot("write", status);
+      }
     }
     if (world.interrupted_by() != 0) return Interrupted(world);
     const vesk::RequestScope scope(world.NewLimits());

@@ -203,9 +203,17 @@ int World::Fail(const std::string& what, const std::string& name, const std::str
 }
 
 int World::Fail(const std::string& what, const std::string& name, int error) {
-  if (error == ECANCELED && interrupted_by_ != 0)
-    return Fail(what, name, std::string("Interrupted"));
-  return Fail(what, name, std::generic_category().message(error));
+  return Fail(what, name, Reason(error));
+}
+
+std::string World::Reason(int error) {
+  if (error == ECANCELED && interrupted_by_ != 0) return "Interrupted";
+  if (error != ETIMEDOUT || vesk::RequestScope::Exceeded(runtime_->clock()) == 0) {
+    return std::generic_category().message(error);
+  }
+  const vesk::Setting& limit =
+      *vesk::FindSetting(leave_by_ ? "shutdown-timeout" : "request-timeout");
+  return "It took longer than " + limit.name + " (" + vesk::ValueText(limit, settings_) + ')';
 }
 
 int World::Fail(const std::string& what, const std::string& name, const vesk::FileHandle& file,

@@ -85,6 +85,7 @@ class World {
 
   // Writes "vesk: cannot <what> '<name>': <reason>" to standard error; returns kExitFailed.
   int Fail(const std::string& what, const std::string& name, const std::string& reason);
+  // Inside the scope in which the request failed: its own limits are told as such.
   int Fail(const std::string& what, const std::string& name, int error);
 
   // The same for a request to `file`, whose own failures are told apart from the store's.
@@ -108,6 +109,7 @@ class World {
   void Report(const vesk::FileStats& read, const vesk::FileStats* written);
 
  private:
+  std::string Reason(int error);
   int ReadFirstByte(bool* is_there);
   void Signalled(int signal_number);
   void ReloadSettings();
