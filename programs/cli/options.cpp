@@ -31,7 +31,7 @@ constexpr char kReplayFooter[] =
     "block that no line has made is a contradiction, and less is left open.\n"
     "\n"
     "Exit status: 0 consistent; 1 a check failed or a line contradicts the others; 2 the trace or\n"
-    "the command line cannot be read (docs/replay.md).";
+    "the command line cannot be read, or there is nothing to show (docs/replay.md).";
 
 // What is wrong with the number of a line; empty: nothing.
 std::string NotALine(const std::string& text) {
@@ -40,6 +40,14 @@ std::string NotALine(const std::string& text) {
   const auto [stop, error] = std::from_chars(text.data(), end, line);
   if (error == std::errc() && stop == end && line > 0) return "";
   return vesk::QuotedText(text) + " is not a line: they are counted from 1";
+}
+
+// What options that are right by themselves are wrong together; empty: nothing.
+std::string Conflict(const Options::Replay& replay) {
+  if (!replay.file.empty() && replay.at == 0 && !replay.steps)
+    return "--file needs --at or --steps";
+  if (replay.to != 0 && replay.to < replay.from) return "--to is a line before --from";
+  return "";
 }
 
 void AddReplay(CLI::App* command, Options* options) {
@@ -137,11 +145,9 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
   if (copy->parsed()) options->command = Options::Command::kCopy;
   if (stat->parsed()) options->command = Options::Command::kStat;
   if (table->parsed()) options->command = Options::Command::kSettings;
-  if (replay->parsed()) {
-    options->command = Options::Command::kReplay;
-    return true;
-  }
-  const std::string refusal = options->settings_source.Load(settings);
+  if (replay->parsed()) options->command = Options::Command::kReplay;
+  const std::string refusal =
+      replay->parsed() ? Conflict(options->replay) : options->settings_source.Load(settings);
   if (refusal.empty()) return true;
   PrintUsageError(refusal, CommandName(*options));
   *status = kExitUsage;

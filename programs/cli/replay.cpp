@@ -128,9 +128,13 @@ class Walkthrough {
     }
     if (options_.at == 0 && !options_.steps) PrintSummary();
     const Totals& totals = replay_.totals();
-    if (totals.cache_lines == 0 && options_.at == 0) {
+    if (totals.cache_lines == 0) {
       std::fputs("vesk: no line of these is the cache's: was it logged with --log-levels all?\n",
                  stderr);
+      return kExitUsage;
+    }
+    if (!has_shown_ && (options_.at != 0 || options_.steps)) {
+      std::fputs("vesk: there is nothing to show of these lines and this file\n", stderr);
       return kExitUsage;
     }
     return totals.contradictions > 0 || totals.failures > 0 ? kExitFailed : kExitOk;
@@ -146,23 +150,27 @@ class Walkthrough {
     return options_.file.empty() || name == options_.file;
   }
 
-  void PrintStep(const std::string& line, const std::vector<Note>& notes) const {
+  void PrintStep(const std::string& line, const std::vector<Note>& notes) {
     if (number_ < options_.from || (options_.to != 0 && number_ > options_.to)) return;
     if (!replay_.is_cache_line() || !Wanted(replay_.file_name())) return;
+    has_shown_ = true;
     std::printf("%zu %s\n", number_, Printable(line).c_str());
     for (const Note& note : notes) {
       std::printf("        %s%s\n", Mark(note.kind), Printable(note.text).c_str());
     }
   }
 
-  void PrintState(const std::string& line) const {
+  void PrintState(const std::string& line) {
     std::printf("behind line %zu: %s\n", number_, Printable(line).c_str());
     for (const auto& [name, file] : replay_.files()) {
-      if (Wanted(name)) PrintFile(name, file);
+      if (!Wanted(name)) continue;
+      has_shown_ = true;
+      PrintFile(name, file);
     }
     std::printf("\nlast lines of the threads\n");
     for (const auto& [thread, activity] : replay_.threads()) {
       if (!Wanted(activity.file)) continue;
+      has_shown_ = true;
       std::printf("  %-14s line %zu: %s\n",
                   thread.empty() ? "(not told)" : Printable(thread).c_str(), activity.line,
                   Printable(activity.text).c_str());
@@ -220,6 +228,7 @@ class Walkthrough {
   const Options::Replay& options_;
   Replay replay_;
   std::size_t number_ = 0;
+  bool has_shown_ = false;     // anything of the lines and the file that were asked for
   std::string contradiction_;  // the first of each
   std::string failure_;
 };
