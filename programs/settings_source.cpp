@@ -284,6 +284,18 @@ void AddNames(const CLI::App& app, std::vector<std::string>* names) {
   for (const CLI::App* const command : app.get_subcommands({})) AddNames(*command, names);
 }
 
+// An option of `app` or of its commands that takes one value and was given several; empty: none.
+std::string RepeatedOption(const CLI::App& app) {
+  for (const CLI::Option* const option : app.get_options()) {
+    if (option->get_items_expected_max() == 1 && option->count() > 1) return option->get_name();
+  }
+  for (const CLI::App* const command : app.get_subcommands()) {
+    std::string name = RepeatedOption(*command);
+    if (!name.empty()) return name;
+  }
+  return "";
+}
+
 // `app` or one of its commands has a long option of that name that needs a value.
 bool NeedsValue(const CLI::App& app, const std::string& name) {
   for (const CLI::Option* const option : app.get_options()) {
@@ -448,6 +460,10 @@ std::vector<std::string> CommandLineWords(const CLI::App& app, int argc, const c
 }
 
 std::string ParseErrorText(const CLI::App& app, const CLI::ParseError& error) {
+  const std::string repeated = RepeatedOption(app);
+  if (!repeated.empty() && error.get_name() == "ArgumentMismatch") {
+    return repeated + " is there twice";
+  }
   for (const std::string& word : app.remaining(true)) {
     if (word.size() < 3 || word.compare(0, 2, "--") != 0) continue;
     std::vector<std::string> names;
