@@ -45,6 +45,25 @@ std::vector<std::string> Groups() {
   return groups;
 }
 
+// ---- the environment ----
+
+// A variable that is almost called as a setting is; one that only begins as they do may be somebody
+// else's.
+std::string MisspeltVariable() {
+  constexpr char kPrefix[] = "VESK_";
+  std::vector<std::string> known;
+  for (const Setting& setting : SettingTable()) known.push_back(EnvironmentName(setting));
+  for (const char* const* variable = environ; *variable != nullptr; ++variable) {
+    const std::string text = *variable;
+    std::string name = text.substr(0, text.find('='));
+    if (name.rfind(kPrefix, 0) != 0) continue;
+    if (std::find(known.begin(), known.end(), name) != known.end()) continue;
+    const std::string meant = Suggestion(name, known, "");
+    if (!meant.empty()) return name.append(": there is no such setting").append(meant);
+  }
+  return "";
+}
+
 // ---- the configuration file ----
 
 // The whole of a regular file. Anything else could block, or could not be read a second time.
@@ -378,6 +397,8 @@ std::string SettingsSource::Resolve(Settings* wanted) const {
 }
 
 std::string SettingsSource::Load(Settings* settings) {
+  std::string wrong = MisspeltVariable();
+  if (!wrong.empty()) return wrong;
   environment_.clear();
   for (const Setting& setting : SettingTable()) {
     const std::string name = EnvironmentName(setting);
@@ -386,7 +407,7 @@ std::string SettingsSource::Load(Settings* settings) {
     if (text != nullptr) environment_.push_back({&setting, text, name});
   }
   Settings wanted;
-  std::string wrong = Resolve(&wanted);
+  wrong = Resolve(&wanted);
   if (wrong.empty()) CopySettings(wanted, settings);
   return wrong;
 }
