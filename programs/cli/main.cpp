@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
+#include <system_error>
 
 #include "programs/cli/commands.h"
 #include "programs/cli/options.h"
@@ -50,7 +51,13 @@ int main(int argc, char** argv) {
   } catch (const std::invalid_argument& refusal) {  // the store cannot be had as it was asked for
     PrintUsageError(refusal.what(), CommandName(options));
     return kExitUsage;
-  } catch (const std::exception& failure) {  // no memory, no threads, no log file to be had
+  } catch (const std::system_error& failure) {
+    // A thread that cannot be had is all that does not tell what it is.
+    const bool is_thread = failure.what() == failure.code().message();
+    std::fprintf(stderr, "vesk: %s%s\n", is_thread ? "cannot start a thread: " : "",
+                 failure.what());
+    return kExitFailed;
+  } catch (const std::exception& failure) {  // no memory, no log file to be had
     std::fprintf(stderr, "vesk: %s\n", failure.what());
     return kExitFailed;
   }
