@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
 #include <system_error>
 #include <vector>
 
@@ -70,6 +72,15 @@ bool IsUnchanged(const vesk::FileInfo& before, const vesk::FileInfo& now) {
          before.modified_ns == now.modified_ns;
 }
 
+// Also where neither is there yet.
+bool IsSameFile(const std::string& one, const std::string& other) {
+  namespace fs = std::filesystem;
+  if (one.empty() || other.empty()) return false;
+  std::error_code unknown;
+  return fs::equivalent(one, other, unknown) || fs::absolute(one, unknown).lexically_normal() ==
+                                                    fs::absolute(other, unknown).lexically_normal();
+}
+
 bool IsIgnored(int signal_number) {
   struct sigaction action = {};
   sigaction(signal_number, nullptr, &action);
@@ -86,6 +97,13 @@ int OwnJob::Wait(const char* tag) {
 
 World::World(const Options& options, vesk::Settings& settings)
     : options_(options), settings_(settings) {
+  for (const std::string& name : {options.source, options.destination}) {
+    // Opening it would add to the file, and the copy would have its lines.
+    if (IsSameFile(settings.log_file, name)) {
+      throw std::invalid_argument("log-file: it is the file '" +
+                                  vesk::PrintableText(name, name.size()) + "' of the command");
+    }
+  }
   const bool copy = options.command == Options::Command::kCopy;
   const auto handle = [this](int signal_number) { Signalled(signal_number); };
   std::vector<int> signals;
