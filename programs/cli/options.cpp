@@ -1,10 +1,13 @@
 #include "programs/cli/options.h"
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <iostream>
 #include <system_error>
 #include <tuple>
+#include <vector>
 
 namespace vesk_cli {
 
@@ -77,6 +80,13 @@ void PrintUsageError(const std::string& message, const std::string& where) {
   std::cerr << "vesk: " << message << " (see " << where << " --help)\n";
 }
 
+bool EndOutput() {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return true;
+  std::cerr << "vesk: cannot write to 'standard output': " << std::generic_category().message(errno)
+            << '\n';
+  return false;
+}
+
 std::string CommandName(const Options& options) {
   switch (options.command) {
     case Options::Command::kCat: return "vesk cat";
@@ -122,14 +132,13 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
   try {
     app.parse(vesk::CommandLineWords(app, argc, argv));
   } catch (const CLI::CallForHelp&) {
-    for (const CLI::App* const command : app.get_subcommands()) {
-      std::cout << command->help("vesk");
-      return false;
-    }
-    std::cout << app.help();
+    const std::vector<CLI::App*> commands = app.get_subcommands();
+    std::cout << (commands.empty() ? app.help() : commands.front()->help("vesk"));
+    if (!EndOutput()) *status = kExitFailed;
     return false;
   } catch (const CLI::CallForVersion& version) {
     std::cout << version.what() << '\n';
+    if (!EndOutput()) *status = kExitFailed;
     return false;
   } catch (const CLI::ParseError& error) {
     const bool unknown = app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-';

@@ -46,6 +46,10 @@ bool ParseOptions(int argc, char** argv, Options* options, vesk::Settings* setti
 // "vesk: <message> (see <where> --help)" on standard error.
 void PrintUsageError(const std::string& message, const std::string& where);
 
+// Brings standard output to its end; false: not all of it arrived, which was said on standard
+// error.
+bool EndOutput();
+
 // "vesk cp" and the like.
 std::string CommandName(const Options& options);
 

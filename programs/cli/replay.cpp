@@ -256,10 +256,7 @@ int ReplayTrace(const Options& options) {
   }
   if (reader.Failed()) return Unreadable(name, errno);
   const int status = walkthrough.Finish();
-  if (std::fflush(stdout) == 0) return status;
-  std::fprintf(stderr, "vesk: cannot write to 'standard output': %s\n",
-               std::generic_category().message(errno).c_str());
-  return kExitUsage;
+  return EndOutput() ? status : kExitUsage;
 }
 
 }  // namespace vesk_cli

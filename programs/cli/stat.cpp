@@ -1,6 +1,5 @@
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -77,7 +76,7 @@ int Stat(World& world) {
   Print("modified", TimeText(info.modified_ns));
   Print("store", settings.store + " (" + world.runtime().backend_name() + ")");
   Print("cache", CacheText(settings));
-  if (std::fflush(stdout) != 0) return world.Fail("write to", "standard output", errno);
+  if (!EndOutput()) return kExitFailed;
   const vesk::RequestScope scope(world.LeavingLimits());
   file.reset();
   return kExitOk;
