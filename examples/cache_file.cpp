@@ -9,7 +9,10 @@
 #include "runtime/runtime.h"
 
 int main(int argc, char** argv) {
-  if (argc != 3) return 2;
+  if (argc != 3) {
+    std::fputs("usage: cache_file FILE LINE\n", stderr);
+    return 2;
+  }
   const std::string line = std::string(argv[2]) + "\n";
 
   vesk::Settings settings;        // a server reads them from its own configuration
@@ -34,7 +37,11 @@ int main(int argc, char** argv) {
     std::printf("%zu bytes, %llu of them from the store\n", count, fetched);
   }
   if (status.ok()) status = file->Close();  // a destructor could not tell that it failed
-  if (status.ok()) return 0;
-  std::fprintf(stderr, "cache_file: %s\n", status.Message().c_str());
+  if (!status.ok()) {
+    std::fprintf(stderr, "cache_file: %s\n", status.Message().c_str());
+    return 1;
+  }
+  if (std::fflush(stdout) == 0) return 0;
+  std::perror("cache_file: standard output");
   return 1;
 }
