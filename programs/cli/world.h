@@ -45,9 +45,8 @@ class OwnJob {
 
 class World {
  public:
-  //   Ends in  what the constructors of VeskRuntime and FileSystem throw; std::invalid_argument:
-  //   the
-  //            log would go into a file of the command
+  //   Ends in  what the constructors of VeskRuntime and FileSystem throw
+  //            std::invalid_argument: the log would go into a file of the command
   World(const Options& options, vesk::Settings& settings);
   ~World();
   World(const World&) = delete;
