@@ -53,6 +53,8 @@ Clock::Duration TendInterval(const FileSystemOptions& options) {
 // Bytes that became dirty a moment ago are left to their writer, who may be about to add to them.
 constexpr Clock::Duration kMoment = std::chrono::milliseconds(20);
 
+constexpr int kTries = 3;
+
 }  // namespace
 
 FileSystem::Private::Private(const Services& file_services, Store& file_store,
@@ -62,7 +64,7 @@ FileSystem::Private::Private(const Services& file_services, Store& file_store,
       options(Checked(file_options)),
       memory(options.memory, services.clock),
       dirty(SoftLimit(options), HardLimit(options), services.clock),
-      names_(services.clock) {
+      names_(services.clock, [this] { SettleAnswered(); }) {
   memory.OnShort([this] { WriteOut(Clock::Duration::zero()); });
   dirty.OnPressure([this](bool hard) {
     if (!hard) WriteOut(kMoment);
@@ -77,7 +79,7 @@ FileSystem::Private::Private(const Services& file_services, Store& file_store,
 FileSystem::Private::~Private() {
   ticker_.reset();
   std::uint64_t left = 0;
-  (void)SettleLate();
+  SettleLate();
   if (const std::unique_ptr<NameChange> late = TakeLate()) left = late->GiveUp();
   std::vector<std::shared_ptr<Node>> nodes;
   {
@@ -146,7 +148,8 @@ std::shared_ptr<Node> FileSystem::Private::Attach(const std::string& name, const
   const bool is_new = node == nullptr;
   if (is_new) {
     if (looked_at.files != outdated_.files) return nullptr;
-    node = std::make_shared<Node>(services, store, memory, dirty, options, name, info);
+    node = std::make_shared<Node>(services, store, memory, dirty, options, name, info,
+                                  [this] { SettleAnswered(); });
   } else if (made || (info.inode != 0 && !node->Is(info))) {
     node->Doubt();  // another file has taken its place
   }
@@ -158,6 +161,11 @@ std::shared_ptr<Node> FileSystem::Private::Attach(const std::string& name, const
   return node;
 }
 
+bool FileSystem::Private::IsFile(const Node& node, const FileInfo& info) const {
+  const MutexLock guard(mutex_);
+  return node.Is(info);
+}
+
 // A link to an open file may have become another file's name: then it is forgotten. Where the file
 // itself was replaced, all of its names lead to the new one.
 int FileSystem::Private::CheckLink(const std::string& name, const FileInfo& info) {
@@ -166,7 +174,7 @@ int FileSystem::Private::CheckLink(const std::string& name, const FileInfo& info
     const MutexLock guard(mutex_);
     node = Find(name, info);
   }
-  if (node == nullptr || node->Is(info) || node->name() == name) return 0;
+  if (node == nullptr || IsFile(*node, info) || node->name() == name) return 0;
   FileInfo own;
   const int error = store.Stat(node->name(), &own);
   if (error != 0 && error != ENOENT) return error;
@@ -184,17 +192,13 @@ FileSystem::Private::Outdated FileSystem::Private::OutdatedSoFar() const {
 // The open file of that name, counted for one handle more.
 int FileSystem::Private::FindOrMake(const std::string& name, OpenOptions open,
                                     std::shared_ptr<Node>* node) {
-  if (const int error = SettleLate()) return error;
   Making making(*this);
-  if (open.exclusive) {
-    if (const int error = making.Begin()) return error;
-  }
   bool made = false;
-  for (const bool makes = open.exclusive; *node == nullptr; open.exclusive = false) {
+  for (int tries = 0; *node == nullptr; open.exclusive = false) {
     const Outdated looked_at = OutdatedSoFar();
-    if (!makes) {
-      if (const int error = names_.Pass()) return error;
-    }
+    // Whose names go on changing must not keep it from being opened.
+    const bool makes = open.exclusive || ++tries > kTries;
+    if (const int error = makes ? making.Begin() : names_.Pass()) return error;
     FileInfo info;
     if (const int error = Examine(name, open, &info, &made)) return error;
     if (const int error = CheckLink(name, info)) return error;

@@ -59,6 +59,7 @@ struct FileSystem::Private {
 
   std::shared_ptr<Node> Attach(const std::string& name, const FileInfo& info, bool made,
                                const Outdated& looked_at);
+  bool IsFile(const Node& node, const FileInfo& info) const;
   int CheckLink(const std::string& name, const FileInfo& info);
   Outdated OutdatedSoFar() const;
   int FindOrMake(const std::string& name, OpenOptions open, std::shared_ptr<Node>* node);
@@ -68,7 +69,7 @@ struct FileSystem::Private {
   bool Conclude(std::unique_ptr<NameChange> change, int* error);
   int CarryOut(std::unique_ptr<NameChange> change);
   std::unique_ptr<NameChange> TakeLate();
-  int SettleLate();
+  void SettleLate();
   void SettleAnswered();
   void Drop(const Node& node) VESK_REQUIRES(mutex_);
   void DropIdle();

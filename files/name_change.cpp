@@ -8,6 +8,7 @@
 #include "runtime/name_operation.h"
 #include "runtime/request.h"
 #include "runtime/store.h"
+#include "runtime/transient.h"
 #include "vesk/VeskBundler.h"
 
 namespace vesk {
@@ -55,7 +56,7 @@ int FileSystem::Private::OtherName(const Node& node, const std::string& gone, st
     FileInfo info;
     const int error = store.Stat(name, &info);
     if (error != 0 && error != ENOENT) return error;
-    const bool leads = error == 0 && (info.inode == 0 || node.Is(info));
+    const bool leads = error == 0 && (info.inode == 0 || IsFile(node, info));
     if (leads && (other->empty() || name == node.name())) *other = name;
   }
   return 0;
@@ -129,29 +130,48 @@ bool FileSystem::Private::NameChange::Finish(int* error) {
     return false;
   }
   *error = job_->GetReturnValue();
-  const bool concerns_files = node_ != nullptr || loser_ != nullptr;
-  if (*error != 0 && concerns_files) {
-    int unknown = 0;
-    const bool has = HasTakenPlace(&unknown);
-    if (unknown != 0) {
-      *error = unknown;
-      return false;
-    }
-    if (has) *error = 0;
-  }
-  if (*error == 0) *error = Take();
+  int unknown = 0;
+  const bool has = *error == 0 || HasTakenPlace(&unknown);
+  if (has && unknown == 0) unknown = FindOther();
+  if (unknown == ESHUTDOWN) return true;  // nothing is stored any more, under whatever name
+  if (unknown != 0) return WillNotBeKnown(unknown);
+  if (has) *error = Take();
   return true;
 }
 
+// True: asking once more is of no use, so the files are of none.
+bool FileSystem::Private::NameChange::WillNotBeKnown(int error) {
+  if (RequestScope::Exceeded(files_.services.clock) != 0 || IsTransient(error)) return false;
+  TakeOutOfService();
+  return true;
+}
+
+// The name that the loser goes on with. What led to it before may have been another way to write
+// the name that it has lost, or a link to that.
+int FileSystem::Private::NameChange::FindOther() {
+  if (other_.empty()) return 0;
+  std::string other;
+  const int error = files_.OtherName(*loser_, lost_name(), &other);
+  if (error == 0) other_ = other;
+  return error;
+}
+
 // A change may take place and end in an error: its answer was lost, and then it was tried again.
-bool FileSystem::Private::NameChange::HasTakenPlace(int* error) {
+bool FileSystem::Private::NameChange::HasTakenPlace(int* unknown) {
+  bool leads = false;
   if (!exists_) return false;
+  if ((*unknown = Ask(from_, &leads)) != 0 || leads) return false;
+  if (IsRemoval() || info_.inode == 0) return true;
+  *unknown = Ask(*to_, &leads);  // somebody else may have taken it away
+  return leads;
+}
+
+// Whether the name leads to the file now.
+int FileSystem::Private::NameChange::Ask(const std::string& name, bool* leads) {
   FileInfo info;
-  *error = files_.store.Stat(from_, &info);
-  const bool is_gone = *error == ENOENT;
-  const bool is_over = *error == ESHUTDOWN;  // nothing is stored any more, under whatever name
-  if (is_gone || is_over) *error = 0;
-  return is_gone || (!is_over && (info.device != info_.device || info.inode != info_.inode));
+  const int error = files_.store.Stat(name, &info);
+  *leads = error == 0 && info.device == info_.device && info.inode == info_.inode;
+  return error == ENOENT ? 0 : error;
 }
 
 // The store has done it. Without memory the files do not learn their names, but everything of them
@@ -177,9 +197,7 @@ void FileSystem::Private::NameChange::TakeLoser() {
     const MutexLock guard(files_.mutex_);
     loser_->names.erase(lost_name());
   }
-  FileInfo info;
-  // The other one may have been another way to write the name that has gone.
-  if (other_.empty() || files_.store.Stat(other_, &info) == ENOENT) {
+  if (other_.empty()) {
     loser_->SetRemoved();
   } else {
     loser_->SetName(other_);
@@ -211,7 +229,6 @@ bool FileSystem::Private::Conclude(std::unique_ptr<NameChange> change, int* erro
 }
 
 int FileSystem::Private::CarryOut(std::unique_ptr<NameChange> change) {
-  if (const int limit = SettleLate()) return limit;
   if (const int error = change->Prepare()) return error;
   change->Start();
   int error = 0;
@@ -224,11 +241,10 @@ std::unique_ptr<FileSystem::Private::NameChange> FileSystem::Private::TakeLate()
   return std::move(late_);
 }
 
-// 0: it is known what has come of a change that has outlasted its request.
-int FileSystem::Private::SettleLate() {
-  std::unique_ptr<NameChange> late = TakeLate();
+// Waits for what comes of a change that has outlasted its request.
+void FileSystem::Private::SettleLate() {
   int error = 0;
-  return late == nullptr || Conclude(std::move(late), &error) ? 0 : error;
+  if (std::unique_ptr<NameChange> late = TakeLate()) (void)Conclude(std::move(late), &error);
 }
 
 // The same, but for one that the store has not answered.
@@ -238,7 +254,7 @@ void FileSystem::Private::SettleAnswered() {
     if (late_ == nullptr || !late_->Answered()) return;
   }
   const RequestScope scope({services.clock.Now() + options.check_patience, nullptr});
-  (void)SettleLate();
+  SettleLate();
 }
 
 Status FileSystem::Private::Rename(const std::string& from, const std::string& to) {

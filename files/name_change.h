@@ -48,7 +48,10 @@ class FileSystem::Private::NameChange {
   bool IsRemoval() const { return !to_.has_value(); }
   const std::string& lost_name() const { return to_.has_value() ? *to_ : from_; }
   int PrepareLoser();
-  bool HasTakenPlace(int* error);
+  bool HasTakenPlace(int* unknown);
+  int Ask(const std::string& name, bool* leads);
+  int FindOther();
+  bool WillNotBeKnown(int error);
   int Take();
   void TakeLoser();
   void TakeOutOfService();

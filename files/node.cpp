@@ -37,7 +37,8 @@ bool Failed(int result) { return result != 0 && result != RC_EOF; }
 using RangeLock = Holding<VeskLock>;
 
 Node::Node(const Services& services, Store& store, MemoryBudget& memory, DirtyLimit& dirty,
-           const FileSystemOptions& options, const std::string& name, const FileInfo& info)
+           const FileSystemOptions& options, const std::string& name, const FileInfo& info,
+           std::function<void()> meanwhile)
     : device(info.device),
       inode(info.inode),
       services_(services),
@@ -45,7 +46,7 @@ Node::Node(const Services& services, Store& store, MemoryBudget& memory, DirtyLi
       options_(options),
       core_(services, memory, dirty,
             static_cast<unsigned>(std::min<std::uint64_t>(options.block_size, options.memory))),
-      turn_(services.clock),
+      turn_(services.clock, std::move(meanwhile)),
       checked_at_(WallSeconds()),
       name_(name),
       known_(info) {
@@ -71,7 +72,7 @@ Node::~Node() {
   const MutexLock guard(mutex_);
   if (abandoned_) services_.retry->KeepAgain(name_);
   if (resize_ != nullptr) VeskJob::RefCountDec(resize_);
-  for (VeskJob* const job : late_syncs_) VeskJob::RefCountDec(job);
+  for (VeskJob* const job : syncs_) VeskJob::RefCountDec(job);
 }
 
 void Node::LeaveBudget() VESK_NO_THREAD_SAFETY_ANALYSIS {
@@ -671,7 +672,7 @@ Outcome Node::Append(const unsigned char* source, std::size_t length, std::uint6
   int looks = 0;
   do {
     turn.Give();
-    if (const int error = CheckIfDue()) return {error, false};
+    if (const int error = resizing_ ? CheckFreshness() : CheckIfDue()) return {error, false};
     if (const int error = turn.Take(&turn)) return {error, false};
   } while (resizing_ || (core_.suspicious && ++looks < kLooks));
   // Whoever was about to make the file longer wrote a piece of at most a block that begins here or
@@ -689,11 +690,9 @@ void Node::StartWrites(Clock::Time before, bool asked_for) {
   ForEachActive([&](Range& range) VESK_NO_THREAD_SAFETY_ANALYSIS {
     range.Collect();
     if (core_.broken) return;
-    if (stopped_) {
-      if (asked_for) put_off_ = true;
-    } else {
-      range.StartWrites(before, asked_for);
-    }
+    if (stopped_ && asked_for) put_off_ = true;
+    // Asked again: who let them set out in between may have looked at `put_off_` before.
+    if (!stopped_) range.StartWrites(before, asked_for);
   });
 }
 
@@ -745,7 +744,7 @@ void Node::AwaitJobs(const JobList& jobs, std::uint64_t before) {
 }
 
 Outcome Node::Flush(WriteFailures::Seen* seen) {
-  TakeLateSyncs();
+  TakeSyncs();
   StartWrites();
   if (core_.broken) return {EIO, false};
   return {core_.failures.TakeNews(seen), true};
@@ -754,7 +753,7 @@ Outcome Node::Flush(WriteFailures::Seen* seen) {
 // A failure that came since the beginning may have been a job's that was not in the list any more,
 // and told to another thread that uses the same handle.
 Outcome Node::Drain(WriteFailures::Seen* seen) {
-  TakeLateSyncs();
+  TakeSyncs();
   const std::uint64_t before = *seen;
   JobList jobs;
   if (const int error = StartAll(&jobs)) return {error, false};
@@ -812,57 +811,78 @@ template <typename Work>
 int Node::ByName(const Work& work) {
   for (;;) {
     const std::uint64_t renamings = renamings_;
-    const int error = work(name());
-    if (renamings % 2 == 0 && renamings_ == renamings) return error;
+    if (renamings % 2 == 0) {
+      const int error = work(name());
+      if (renamings_ == renamings) return error;
+    }
     if (const int limit = turn_.Pass()) return limit;  // who changes it has the turn
   }
 }
 
-// Has the store make its file durable. A job that outlasts the calling thread's limits is kept: it
-// may fail yet, and systems tell only once that bytes are lost.
+// Has the store make its file durable. The job is in `syncs_` until its answer was taken, also when
+// that comes too late for this request: it may fail, and systems tell only once that bytes are
+// lost.
 int Node::SyncStore(const std::string& name) {
-  std::list<VeskJob*> entry(1);  // beforehand: to keep it needs no memory
+  std::list<VeskJob*> entry(1);
   VeskJob* const job = entry.front() = NewNameJob(OPCODE_SYNC, name);
+  job->RefCountInc();
+  {
+    const MutexLock guard(mutex_);
+    syncs_.splice(syncs_.end(), entry);
+  }
   services_.bundler.SubmitJob(job);
   services_.bundler.WaitForJob(job, nullptr, "Sync");
-  if (job->GetJobState() == JOB_STATE_DONE) return TakeSync(job);
-  const MutexLock guard(mutex_);
-  late_syncs_.splice(late_syncs_.end(), entry);
-  return RequestScope::Exceeded(services_.clock);
-}
-
-// Others' bytes may be lost as well.
-int Node::TakeSync(VeskJob* job) {
-  const int error = job->GetReturnValue();
+  const int error = job->GetJobState() == JOB_STATE_DONE ? job->GetReturnValue()
+                                                         : RequestScope::Exceeded(services_.clock);
   VeskJob::RefCountDec(job);
-  if (error != 0 && error != ENOENT) core_.failures.Note(error);
   return error;
 }
 
-void Node::TakeLateSyncs() {
+// Takes the answers of those that have ended. Others' bytes may be lost as well.
+void Node::TakeSyncs() {
   std::list<VeskJob*> ended;
   {
     const MutexLock guard(mutex_);
-    for (auto next = late_syncs_.begin(); next != late_syncs_.end();) {
+    for (auto next = syncs_.begin(); next != syncs_.end();) {
       const auto job = next++;
-      if ((*job)->GetJobState() == JOB_STATE_DONE) ended.splice(ended.end(), late_syncs_, job);
+      if ((*job)->GetJobState() == JOB_STATE_DONE) ended.splice(ended.end(), syncs_, job);
     }
   }
-  for (VeskJob* const job : ended) (void)TakeSync(job);  // who hears of it may want the mutex
+  for (VeskJob* const job : ended) {
+    const int error = job->GetReturnValue();
+    VeskJob::RefCountDec(job);
+    if (error != 0 && error != ENOENT) core_.failures.Note(error);  // which may want the mutex
+  }
+}
+
+// Returns when those on their way now have been answered.
+int Node::AwaitSyncs() {
+  JobList jobs;
+  {
+    const MutexLock guard(mutex_);
+    for (VeskJob* const job : syncs_) jobs.Add(job);
+  }
+  for (VeskJob* const job : jobs.jobs()) {
+    services_.bundler.WaitForJob(job, nullptr, "Sync");
+    if (job->GetJobState() != JOB_STATE_DONE) return RequestScope::Exceeded(services_.clock);
+  }
+  return 0;
 }
 
 Outcome Node::Sync(WriteFailures::Seen* seen) {
   const Outcome drained = Drain(seen);
   if (drained.error != 0) return drained;
   if (removed_) return {ESTALE, false};
-  const int error = ByName([this](const std::string& name) { return SyncStore(name); });
+  int error = ByName([this](const std::string& name) { return SyncStore(name); });
   if (core_.broken) return {EIO, false};
   if (error == ENOENT) {
     if (removed_) return {ESTALE, false};
     core_.failures.Note(error);
   }
-  // Systems tell one sync of lost bytes: a success of another one at that time means nothing.
-  TakeLateSyncs();
+  // Systems tell one sync of lost bytes, and it need not be the first that ends: a success counts
+  // when those beside it have ended well, too.
+  if (error == 0) error = AwaitSyncs();
+  TakeSyncs();
   if (const int told = core_.failures.TakeNews(seen)) return {told, told != error};
   return {error, false};
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -43,8 +44,10 @@ struct Outcome {
 //   Threads  any
 class Node final : private CachedFile, private RangeOwner {
  public:
+  // `meanwhile` as for Turn.
   Node(const Services& services, Store& store, MemoryBudget& memory, DirtyLimit& dirty,
-       const FileSystemOptions& options, const std::string& name, const FileInfo& info);
+       const FileSystemOptions& options, const std::string& name, const FileInfo& info,
+       std::function<void()> meanwhile);
 
   //   Before   no request is inside
   ~Node();
@@ -244,8 +247,8 @@ class Node final : private CachedFile, private RangeOwner {
   void StartWrites(Clock::Time before, bool asked_for);
   int StartAll(JobList* jobs);
   int SyncStore(const std::string& name);
-  int TakeSync(VeskJob* job);
-  void TakeLateSyncs();
+  void TakeSyncs();
+  int AwaitSyncs();
   void LeaveAccounts();
   void ListJobs(bool reads, JobList* jobs) const;
   void AwaitJobs(const JobList& jobs, std::uint64_t before);
@@ -319,8 +322,8 @@ class Node final : private CachedFile, private RangeOwner {
   bool checking_ VESK_GUARDED_BY(mutex_) = false;
   bool abandoned_ VESK_GUARDED_BY(mutex_) = false;
   VeskJob* resize_ VESK_GUARDED_BY(mutex_) = nullptr;  // that outlasts its request; one reference
-  std::list<VeskJob*> late_syncs_ VESK_GUARDED_BY(mutex_);  // likewise
-  FileInfo known_ VESK_GUARDED_BY(mutex_);  // of the store's file, when last looked at
+  std::list<VeskJob*> syncs_ VESK_GUARDED_BY(mutex_);  // on their way; likewise
+  FileInfo known_ VESK_GUARDED_BY(mutex_);             // of the store's file, when last looked at
   std::uint64_t known_writes_ VESK_GUARDED_BY(mutex_) = 0;  // own_writes at that time
 
   // Where a range was last found, by offset; it is looked at again under the range's lock.

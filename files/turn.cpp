@@ -4,14 +4,35 @@
 
 namespace vesk {
 
+namespace {
+
+constexpr Clock::Duration kAgain = std::chrono::milliseconds(100);
+
+}  // namespace
+
+// Under the mutex, which is given up while it waits. (The compiler's analysis does not follow
+// that.)
+template <typename Reached>
+int Turn::Await(const Reached& reached) VESK_NO_THREAD_SAFETY_ANALYSIS {
+  int error = 0;
+  while (error == 0 && !reached()) {
+    if (!meanwhile_) {
+      error = RequestScope::Wait(changed_, mutex_, clock_);
+      continue;
+    }
+    mutex_.unlock();
+    meanwhile_();
+    mutex_.lock();
+    if (!reached()) error = RequestScope::Wait(changed_, mutex_, clock_, clock_.Now() + kAgain);
+  }
+  return error;
+}
+
 int Turn::Pass() {
   const WakeOnCancel wake(mutex_, changed_);
   const MutexLock guard(mutex_);
-  int error = 0;
   ++passing_;
-  while (error == 0 && owner_.load(std::memory_order_relaxed) != nullptr) {
-    error = RequestScope::Wait(changed_, mutex_, clock_);
-  }
+  const int error = Await([this] { return owner_.load(std::memory_order_relaxed) == nullptr; });
   if (--passing_ == 0) changed_.WakeAll();
   return error;
 }
@@ -21,11 +42,9 @@ int Turn::Take(const void* who) {
   const MutexLock guard(mutex_);
   Waiting self;
   Enqueue(&self);
-  int error = 0;
-  while (error == 0 &&
-         (owner_.load(std::memory_order_relaxed) != nullptr || first_ != &self || passing_ > 0)) {
-    error = RequestScope::Wait(changed_, mutex_, clock_);
-  }
+  const int error = Await([&]() VESK_NO_THREAD_SAFETY_ANALYSIS {
+    return owner_.load(std::memory_order_relaxed) == nullptr && first_ == &self && passing_ == 0;
+  });
   Dequeue(&self);
   if (error == 0) owner_.store(who, std::memory_order_release);
   return error;  // nobody is woken: the next one has to wait for the owner, or for those who pass

@@ -4,6 +4,8 @@
 #define FILES_TURN_H_
 
 #include <atomic>
+#include <functional>
+#include <utility>
 
 #include "runtime/clock.h"
 #include "vesk/VeskMutex.h"
@@ -12,12 +14,15 @@ namespace vesk {
 
 // While a request has the turn all others stay out of the file's streams. Who wants the turn queues
 // for it; between two turns those that only wait to pass go on first, so neither kind starves.
+// `meanwhile` is called by whoever waits, now and then, without a mutex: it may bring the end of
+// what is waited for.
 //   Owns     borrows the clock
 //   Ends in  ETIMEDOUT, ECANCELED: the calling thread's limits (RequestScope); nothing is taken
 //   Threads  any; no lock of a file is held while waiting here
 class Turn {
  public:
-  explicit Turn(Clock& clock) : clock_(clock) {}
+  explicit Turn(Clock& clock, std::function<void()> meanwhile = {})
+      : clock_(clock), meanwhile_(std::move(meanwhile)) {}
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
 
@@ -65,10 +70,13 @@ class Turn {
     Waiting* next = nullptr;
   };
 
+  template <typename Reached>
+  int Await(const Reached& reached);
   void Enqueue(Waiting* waiting) VESK_REQUIRES(mutex_);
   void Dequeue(const Waiting* waiting) VESK_REQUIRES(mutex_);
 
   Clock& clock_;
+  const std::function<void()> meanwhile_;
   Mutex mutex_;
   Condition changed_;
   std::atomic<const void*> owner_{nullptr};  // written under mutex_

@@ -234,7 +234,6 @@ auto World::Calling(const Work& work) {
 // Everything runs, nothing fails, and time goes by where all wait for it.
 void World::Settle(const std::function<bool()>& reached, const char* what) {
   const Fibers::Time watchdog = fibers_.now + kPatience;
-  unsigned tended = 0;  // its owner does that now and then, where no thread in the background does
   for (unsigned round = 0; round < kRounds && fibers_.now <= watchdog; ++round) {
     if (reached() || !failure_.empty()) return;
     const std::vector<Fibers::Id> runnable = fibers_.Runnable();
@@ -246,8 +245,6 @@ void World::Settle(const std::function<bool()>& reached, const char* what) {
       StartEnd(0, Ending::kWell, 0);
     } else if (fibers_.NextTime() != Fibers::kNever) {
       fibers_.now = std::max(fibers_.now, fibers_.NextTime());
-    } else if (machine_ != nullptr && tended++ < 3) {
-      fibers_.Start([this] { machine_->files->Tend(); }, "Tend");
     } else {
       break;
     }
@@ -489,7 +486,7 @@ void World::Crash(const Step& step) {
   if (!failure_.empty()) return;
   for (const std::unique_ptr<File>& file : files_) {
     file->model.Reset(stored[file->name]->bytes);
-    file->lost = file->discarded = false;
+    file->lost = file->discarded = file->rename_failed = false;
     file->late.clear();
   }
   Start(std::move(stored));
@@ -502,7 +499,6 @@ void World::GiveUp() {
   for (const std::unique_ptr<Client>& client : clients_) {
     if (client->handle != nullptr) client->handle->Discard();
   }
-  machine_->files->Tend();
 }
 
 // ---- requests ----
@@ -588,7 +584,9 @@ bool World::Judge(Client& client, const Status& status) {
 }
 
 void World::Note(Client& client) {
-  if (!no_memory_) Fail("the file is out of service, though memory did not run out");
+  const bool unnamed =
+      client.file->renaming || client.file->rename_failed;  // for want of an answer
+  if (!no_memory_ && !unnamed) Fail("the file is out of service, though memory did not run out");
   if (!client.file->lost) ++totals_.broken;
   client.file->lost = true;
 }
@@ -707,6 +705,7 @@ void World::Rename(Client& client) {
   const bool renamed = machine_->store.Has(to);
   if (renamed) file.name = to;
   file.renaming = false;
+  file.rename_failed |= !ok;
   if (ok && !renamed) Fail("a rename has not taken place");
   if (!ok && renamed && !file.lost) Fail("a rename that failed has taken place");
 }

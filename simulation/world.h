@@ -93,6 +93,7 @@ class World {
     bool lost = false;       // of no more use until it is opened anew: a check has failed
     bool discarded = false;  // bytes were given up
     bool renaming = false;
+    bool rename_failed = false;
     std::vector<Model::Id> late{};  // truncations that have outlasted their requests
   };
   struct Client {

@@ -501,10 +501,30 @@ TEST_P(DurabilityTest, ASyncOfTheStoreThatEndsWellAfterItsRequestIsNoFailure) {
     syncing.Cancel();
     EXPECT_TRUE(syncing.Await());
     if (ended) world_.script.EndOne(0, 0);
-    EXPECT_EQ(Sync(file), 0) << "it does not wait for the other one";
+    EXPECT_EQ(Sync(file, milliseconds(50)), ended ? 0 : ETIMEDOUT)
+        << "it may be told of lost bytes";
     world_.script.Heal();
+    EXPECT_EQ(Sync(file), 0);
   }
   EXPECT_EQ(file.GetStats().last_error, 0);
+}
+
+// Which is told to one sync alone, and that may end after another one.
+TEST_P(DurabilityTest, ASyncIsNoSuccessBeforeAnEarlierOneThatIsToldOfLostBytes) {
+  FileHandle& one = world_.Open("a");
+  FileHandle& two = world_.Open("a");
+  World::Write(two, "bytes", 0);
+  world_.script.Hold({vesk::kFaultSync}, 2);
+  Task earlier([&] { EXPECT_EQ(one.Sync().error(), EIO); });
+  world_.script.AwaitHeld(1);
+  Task later([&] { EXPECT_EQ(two.Sync().error(), EIO); });
+  world_.script.AwaitHeld(2);
+  world_.script.EndOne(1, 0);
+  std::this_thread::sleep_for(milliseconds(20));  // for a success that should not be told
+  EXPECT_FALSE(later.Ended());
+  world_.script.EndOne(0, EIO);
+  EXPECT_TRUE(earlier.Await());
+  EXPECT_TRUE(later.Await());
 }
 
 // Though its error has the number of the request's own limits, which are over as well.

@@ -655,6 +655,48 @@ TEST_P(AliasTest, UnsavedBytesOutliveTheRemovalOfOneNameThoughTheOtherCannotBeAs
   EXPECT_EQ(Stored("link"), "dirty");
 }
 
+// The link led to the file before, and leads to its successor now.
+TEST_P(AliasTest, AReplacedFileDoesNotGoOnByALinkToItsName) {
+  std::filesystem::create_symlink(Path("b"), Path("link"));
+  for (const char* const to : {"b", "./b"}) {
+    Put("b", "BBBBBBBB");
+    Put("x", "XXXXXXXX");
+    FileHandle& replaced = Open("b");
+    Open("link");
+    EXPECT_TRUE(Rename("x", to).ok());
+    ExpectStale(replaced);
+    EXPECT_EQ(Stored("b"), "XXXXXXXX");
+    world_.CloseAll();
+  }
+}
+
+TEST_P(AliasTest, AFileWhoseNameIsRemovedInAnotherSpellingGoesOnWithItsOtherName) {
+  Put("b", "bytes");
+  std::filesystem::create_hard_link(Path("b"), Path("a"));
+  FileHandle& file = Open("b");
+  Open("a");
+  EXPECT_TRUE(Remove("./b").ok());
+  World::Write(file, "BY", 0);
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_EQ(Stored("a"), "BYtes");
+}
+
+TEST_P(AliasTest, ARemovedFileDoesNotGoOnByASpellingThatCannotBeAskedNow) {
+  Put("b", "bytes");
+  FileHandle& file = Open("b");
+  Open("./b");
+  world_.script.Hold({vesk::kFaultRemove}, 1);
+  Task removing([&] { EXPECT_TRUE(Remove("b").ok()); });
+  world_.script.AwaitHeld(1);
+  world_.script.Fail({vesk::kFaultStat, Path("./b")}, EIO, 1);
+  world_.script.EndOne(0, 0);
+  EXPECT_TRUE(removing.Await());
+  world_.files().Tend();
+  Put("b", "successor");
+  ExpectStale(file);
+  EXPECT_EQ(Stored("b"), "successor");
+}
+
 TEST_P(AliasTest, RenamingOntoAnotherLinkOfTheFileKeepsIt) {
   Put("a", "bytes");
   std::filesystem::create_hard_link(Path("a"), Path("link"));
@@ -895,6 +937,79 @@ TEST_P(LateNamesTest, NamesDoNotChangeBesideAnOpenThatHasMadeItsFile) {
     file.reset();
     CloseAndRemoveAll();
   }
+}
+
+// No thread in the background, and nobody calls Tend.
+TEST_P(LateNamesTest, WhoeverWaitsTakesUpWhatHasComeOfIt) {
+  Put("a", "AAAAAAAA");
+  FileHandle& file = Open("a");
+  std::unique_ptr<FileHandle> other;
+  ASSERT_TRUE(world_.files().Open(Path("a"), World::Writing(), &other).ok());
+  world_.script.Hold({vesk::kFaultRename}, 1);
+  Task renaming([&] { EXPECT_EQ(Rename("a", "b").error(), ECANCELED); });
+  world_.script.AwaitHeld(1);
+  Task reading([&] { EXPECT_EQ(World::Read(file, 0, 9), "AAAAAAAA"); }, Task::Limits::kNone);
+  Task opening([&] { EXPECT_EQ(TryOpen("c").error(), ENOENT); }, Task::Limits::kNone);
+  Task closing([&] { other.reset(); }, Task::Limits::kNone);
+  renaming.Cancel();
+  EXPECT_TRUE(renaming.Await());
+  world_.script.Heal();
+  EXPECT_TRUE(reading.Await());
+  EXPECT_TRUE(opening.Await());
+  EXPECT_TRUE(closing.Await());
+  EXPECT_EQ(file.GetStats().name, Path("b"));
+}
+
+// What the rename was about is not there any more, but not because of the rename.
+TEST_P(LateNamesTest, ARenameWhoseFileSomebodyElseHasTakenAwayHasNotTakenPlace) {
+  Put("a", "AAAAAAAA");
+  Put("b", "BBBBBBBB");
+  FileHandle& file = Open("b");
+  World::Write(file, "dirty", 0);
+  world_.script.Hold({vesk::kFaultRename}, 1);
+  Task renaming([&] { EXPECT_EQ(Rename("a", "b").error(), ENOENT); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(world_.RemoveStored(Path("a")));
+  world_.script.Heal();
+  EXPECT_TRUE(renaming.Await());
+  EXPECT_EQ(World::Read(file, 0, 9), "dirtyBBB");
+  EXPECT_TRUE(file.Sync().ok());
+  EXPECT_EQ(Stored("b"), "dirtyBBB");
+}
+
+TEST_P(LateNamesTest, ARenameOfAFileThatNobodyHasOpenIsASuccessToo) {
+  Put("a", "AAAAAAAA");
+  world_.script.FailAfterwards({vesk::kFaultRename}, EIO, 1);
+  EXPECT_TRUE(Rename("a", "b").ok());
+  EXPECT_EQ(Stored("b"), "AAAAAAAA");
+}
+
+// Its own file is out of service then: nobody knows what it is called.
+TEST_P(LateNamesTest, ANameThatCannotBeLookedUpHoldsUpNoOther) {
+  Put("a", "AAAAAAAA");
+  Put("c", "other");
+  FileHandle& file = Open("a");
+  world_.script.Hold({vesk::kFaultRename}, 1);
+  Task renaming([&] { EXPECT_EQ(Rename("a", "b").error(), EPERM); });
+  world_.script.AwaitHeld(1);
+  world_.script.Fail({vesk::kFaultStat, Path("a")}, EACCES);
+  world_.script.EndHeld(EPERM);
+  EXPECT_TRUE(renaming.Await());
+  EXPECT_TRUE(TryOpen("c").ok());
+  EXPECT_TRUE(Remove("c").ok());
+  EXPECT_TRUE(file.Broken());
+}
+
+TEST_P(LateNamesTest, OpensOfOneFileMeet) {
+  Put("a", "AAAAAAAA");
+  Open("a");
+  const auto open = [&] {
+    for (int i = 0; i < 300; ++i) EXPECT_TRUE(TryOpen("a").ok());
+  };
+  Task one(open);
+  Task two(open);
+  EXPECT_TRUE(one.Await());
+  EXPECT_TRUE(two.Await());
 }
 
 }  // namespace
