@@ -135,7 +135,11 @@ bool FileSystem::Private::NameChange::Finish(int* error) {
   if (has && unknown == 0) unknown = FindOther();
   if (unknown == ESHUTDOWN) return true;  // nothing is stored any more, under whatever name
   if (unknown != 0) return WillNotBeKnown(unknown);
-  if (has) *error = Take();
+  if (!has) return true;
+  const int untold = Take();
+  // With that a second try ends, when the first one's answer was lost. Any other error stands, for
+  // one, that the change may not be durable.
+  if (*error == 0 || *error == ENOENT) *error = untold;
   return true;
 }
 

@@ -34,8 +34,8 @@ class FileSystem::Private::NameChange {
   //   Ends in  std::bad_alloc: it does not
   void Start();
 
-  // True: it is known what has come of it, and the files know it; 0 in `*error`: it has taken
-  // place. False: within the limits nobody can tell.
+  // True: it is known what has come of it, and the files know it. False: within the limits nobody
+  // can tell. `*error` is what to answer; not 0: it may have taken place all the same.
   bool Finish(int* error);
 
   // Nobody will know: a file that may have lost its name is not stored any more. Returns the bytes

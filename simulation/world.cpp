@@ -707,7 +707,6 @@ void World::Rename(Client& client) {
   file.renaming = false;
   file.rename_failed |= !ok;
   if (ok && !renamed) Fail("a rename has not taken place");
-  if (!ok && renamed && !file.lost) Fail("a rename that failed has taken place");
 }
 
 void World::Stats(Client& client) {
