@@ -53,6 +53,7 @@ Clock::Duration TendInterval(const FileSystemOptions& options) {
 // Bytes that became dirty a moment ago are left to their writer, who may be about to add to them.
 constexpr Clock::Duration kMoment = std::chrono::milliseconds(20);
 
+// Times that an open looks while names change, before it keeps them from changing.
 constexpr int kTries = 3;
 
 }  // namespace
@@ -194,10 +195,11 @@ int FileSystem::Private::FindOrMake(const std::string& name, OpenOptions open,
                                     std::shared_ptr<Node>* node) {
   Making making(*this);
   bool made = false;
+  bool makes = open.exclusive;
   for (int tries = 0; *node == nullptr; open.exclusive = false) {
     const Outdated looked_at = OutdatedSoFar();
-    // Whose names go on changing must not keep it from being opened.
-    const bool makes = open.exclusive || ++tries > kTries;
+    // Once begun it stays so: who changes names waits for its end.
+    makes = makes || ++tries > kTries;
     if (const int error = makes ? making.Begin() : names_.Pass()) return error;
     FileInfo info;
     if (const int error = Examine(name, open, &info, &made)) return error;

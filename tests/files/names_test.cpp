@@ -938,6 +938,25 @@ TEST_P(LateNamesTest, NamesDoNotChangeBesideAnOpenThatHasMadeItsFile) {
   }
 }
 
+// It looks again, since a file that was written has left the table, while the rename waits for it.
+TEST_P(LateNamesTest, AnOpenThatHasMadeItsFileAndARenameDoNotWaitForEachOther) {
+  Put("b", "somebody else's");
+  Put("c", "other");
+  FileHandle& written = Open("c");
+  World::Write(written, "own", 0);
+  world_.script.Hold({vesk::kFaultOpen, Path("a")}, 1);
+  std::unique_ptr<FileHandle> file;
+  Task opening([&] { file = OpenExclusively("a"); });
+  world_.script.AwaitHeld(1);
+  EXPECT_TRUE(written.Close().ok());
+  Task renaming([&] { EXPECT_TRUE(Rename("b", "d").ok()); });
+  std::this_thread::sleep_for(milliseconds(20));  // for a rename that should wait
+  EXPECT_EQ(Stored("d"), "(no file)");
+  world_.script.Heal();
+  EXPECT_TRUE(opening.Await());
+  EXPECT_TRUE(renaming.Await());
+}
+
 // No thread in the background, and nobody calls Tend.
 TEST_P(LateNamesTest, WhoeverWaitsTakesUpWhatHasComeOfIt) {
   Put("a", "AAAAAAAA");
